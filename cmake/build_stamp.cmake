@@ -1,0 +1,15 @@
+# Writes the version text with a stamp of who built it, where and when.
+# Run at build time; SOURCE_DATE_EPOCH, when set, fixes the date.
+execute_process(COMMAND id -un OUTPUT_VARIABLE user OUTPUT_STRIP_TRAILING_WHITESPACE ERROR_QUIET)
+if(NOT user)
+  set(user "unknown")
+endif()
+cmake_host_system_information(RESULT host QUERY HOSTNAME)
+if(NOT host)
+  set(host "unknown")
+endif()
+string(TIMESTAMP when "%Y-%m-%d %H:%M:%S")
+set(text "QuillaneUtil Version:V1.1.01, SVN:28 [Build:${user}@${host} ${when}]")
+file(WRITE "${OUT}.tmp" "// Generated at build time.\n#include \"util_version.h\"\n\nextern const char util_version_text[] = \"${text}\";\n")
+file(COPY_FILE "${OUT}.tmp" "${OUT}" ONLY_IF_DIFFERENT)
+file(REMOVE "${OUT}.tmp")

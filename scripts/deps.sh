@@ -1,0 +1,19 @@
+# Installs the Debian packages the build and the tests need, when missing.
+# Sourced by the other scripts.
+quillane_ensure_packages() {
+    local missing=()
+    local pkg
+    for pkg in "$@"; do
+        dpkg-query -W -f='${Status}' "$pkg" 2>/dev/null | grep -q 'install ok installed' || missing+=("$pkg")
+    done
+    [ ${#missing[@]} -eq 0 ] && return 0
+    echo "installing: ${missing[*]}"
+    local sudo=""
+    [ "$(id -u)" -ne 0 ] && sudo="sudo"
+    $sudo apt-get update -qq
+    DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+}
+
+quillane_build_packages=(cmake ninja-build g++ gcc pkg-config binutils)
+quillane_test_packages=(googletest libgtest-dev libgmock-dev)
+quillane_bench_packages=(libbenchmark-dev)

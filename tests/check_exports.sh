@@ -1,0 +1,13 @@
+#!/bin/sh
+# The shared object exports exactly the top table, its pointer and the shell
+# wrapper; everything else stays inside.
+set -eu
+lib=$1
+actual=$(nm -D --defined-only "$lib" | awk '{print $3}' | sort | tr '\n' ' ')
+expected="Func_pox_system util_ops_pfun util_ops_quillane_fun "
+if [ "$actual" != "$expected" ]; then
+    echo "exported: $actual"
+    echo "expected: $expected"
+    exit 1
+fi
+echo "exports ok: $actual"

@@ -1,0 +1,98 @@
+// Helpers shared by the tests: temporary directories, whole-file reads,
+// and a guard that puts the global debug record back as it was.
+#pragma once
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "util_function.h"
+
+namespace qtest {
+
+class TempDir {
+public:
+    TempDir() {
+        std::string pattern = (std::filesystem::temp_directory_path() / "quillane_test_XXXXXX").string();
+        std::vector<char> buf(pattern.begin(), pattern.end());
+        buf.push_back('\0');
+        if (mkdtemp(buf.data()) == nullptr) {
+            ADD_FAILURE() << "mkdtemp failed";
+        }
+        path_ = buf.data();
+    }
+    ~TempDir() {
+        std::error_code ec;
+        std::filesystem::remove_all(path_, ec);
+    }
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+
+    std::string file(const std::string& name) const { return path_ + "/" + name; }
+    const std::string& path() const { return path_; }
+
+private:
+    std::string path_;
+};
+
+inline std::string read_file(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream out;
+    out << in.rdbuf();
+    return out.str();
+}
+
+inline void write_file(const std::string& path, const std::string& content) {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out << content;
+}
+
+// The whole text matches an ECMAScript regular expression.
+MATCHER_P(FullyMatches, pattern, "") { return std::regex_match(std::string(arg), std::regex(std::string(pattern))); }
+
+inline bool exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
+
+inline util_dbgout_attr_fun_t* attr() { return util_ops_pfun->dbgout->pstDebugAttr; }
+inline util_dbgout_t* dbg() { return attr()->get(); }
+
+template <typename... Args>
+int trace(const char* fmt, Args... args) {
+    return util_ops_pfun->dbgout->traceout(dbg(), fmt, args...);
+}
+
+// Every test that touches the global debug record starts from the defaults
+// and leaves them behind, with the log stream closed.
+class DebugRecordTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        attr()->fclose_dbglog_fp();
+        saved_ = *dbg();
+    }
+    void TearDown() override {
+        attr()->fclose_dbglog_fp();
+        *dbg() = saved_;
+    }
+    // Routes the log file into this test's directory.
+    std::string use_log(const std::string& name, UTIL_U32 enable = UTIL_DBGOUT_DBGLOG_ENABLE,
+                        UTIL_U64 max_size = 0x100000) {
+        std::string path = dir_.file(name);
+        attr()->set_dbglog_attr(enable, path.c_str(), max_size);
+        return path;
+    }
+
+    TempDir dir_;
+
+private:
+    util_dbgout_t saved_{};
+};
+
+}  // namespace qtest
