@@ -75,14 +75,15 @@ void close_stream(util_dbgout_dbglog_t* pdbglog) noexcept {
 }
 
 // Opens the log file by its state on disk: created when missing, rewritten
-// from the start when already over the limit, appended to otherwise.
+// from the start when already over the limit, appended to otherwise. Always
+// close-on-exec, so the shell commands the library runs don't inherit it.
 FILE* open_log(const util_dbgout_dbglog_t* pdbglog) noexcept {
     struct stat st;
-    const char* mode = "a";
+    const char* mode = "ae";
     if (stat(pdbglog->log_path, &st) != 0) {
-        mode = "w+";
+        mode = "w+e";
     } else if (static_cast<UTIL_U64>(st.st_size) > pdbglog->log_max_size) {
-        mode = "r+";
+        mode = "r+e";
     }
     return std::fopen(pdbglog->log_path, mode);
 }
@@ -196,7 +197,7 @@ UTIL_S32 Func_dbgout_dbglog(util_dbgout_dbglog_t* pdbglog, const UTIL_CHAR* msg,
     if (stat(pdbglog->log_path, &st) != 0) {
         // Deleted or moved away while open: start a new file.
         std::fclose(fp);
-        pdbglog->log_fp = std::fopen(pdbglog->log_path, "w+");
+        pdbglog->log_fp = std::fopen(pdbglog->log_path, "w+e");
         UTIL_DBG_ERR("stat ERR\n");
         return 0;
     }

@@ -1,4 +1,5 @@
 // The trace function and its log-file writer on real files.
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 
@@ -89,6 +90,8 @@ TEST_F(TraceTest, OpenModesFollowTheFileOnDisk) {
     const std::string log = use_log("m.log", UTIL_DBGOUT_DBGLOG_ENABLE, 100);
     write_file(log, "old\n");
     trace("new\n");
+    ASSERT_NE(dbg()->dbglogAttr.log_fp, nullptr);
+    EXPECT_NE(fcntl(fileno(dbg()->dbglogAttr.log_fp), F_GETFD) & FD_CLOEXEC, 0);
     attr()->fclose_dbglog_fp();
     EXPECT_EQ(read_file(log), "old\nnew\n");  // under the limit: appended
 
