@@ -3,10 +3,14 @@
 
 #include <ctime>
 
+#include "util_alloc.h"
 #include "util_common_high_internal.h"
 #include "util_dbgout_internal.h"
+#include "util_h26x_base_internal.h"
 #include "util_msg.h"
 #include "util_version.h"
+
+std::atomic<long> quillane::g_alloc_failure_countdown{-1};
 
 namespace {
 
@@ -51,7 +55,7 @@ __attribute__((visibility("default"))) util_ops_quillane_fun_t util_ops_quillane
     nullptr,  // queue_high_arrayList
     nullptr,  // stack_high_linkedList
     nullptr,  // stack_high_arrayList
-    nullptr,  // h26x_base
+    &util_ops_h26x_base_fun,
     nullptr,  // h26x_high_seiTimeCode
     nullptr,  // net
     nullptr,  // parameter_base
