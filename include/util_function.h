@@ -7,6 +7,7 @@
 #include "util_dbgout_function.h"
 #include "util_common_high_function.h"
 #include "util_h26x_base_function.h"
+#include "util_h26x_high_seiTimeCode_function.h"
 
 #ifdef __cplusplus
 extern "C" {
@@ -18,7 +19,6 @@ typedef struct UTIL_OPERATION_STRUCT_LIB_FUNC_QUEUE_HIGH_LINKED_LIST_FUNCTION ut
 typedef struct UTIL_OPERATION_STRUCT_LIB_FUNC_QUEUE_HIGH_ARRAY_LIST_FUNCTION util_ops_queue_high_arrayList_fun_t;
 typedef struct UTIL_OPERATION_STRUCT_LIB_FUNC_STACK_HIGH_LINKED_LIST_FUNCTION util_ops_stack_high_linkedList_fun_t;
 typedef struct UTIL_OPERATION_STRUCT_LIB_FUNC_STACK_HIGH_ARRAY_LIST_FUNCTION util_ops_stack_high_arrayList_fun_t;
-typedef struct UTIL_OPERATION_STRUCT_LIB_FUNC_H26X_HIGH_SEI_TIME_CODE_FUNCTION util_ops_h26x_high_seiTimeCode_fun_t;
 typedef struct UTIL_OPERATION_STRUCT_LIB_FUNC_NETWORK_FUNCTION util_ops_net_fun_t;
 typedef struct UTIL_OPERATION_STRUCT_LIB_FUNC_PARAMETER_BASE_FUNCTION util_ops_parameter_base_fun_t;
 

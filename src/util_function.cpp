@@ -7,6 +7,7 @@
 #include "util_common_high_internal.h"
 #include "util_dbgout_internal.h"
 #include "util_h26x_base_internal.h"
+#include "util_h26x_high_seiTimeCode_internal.h"
 #include "util_msg.h"
 #include "util_version.h"
 
@@ -56,7 +57,7 @@ __attribute__((visibility("default"))) util_ops_quillane_fun_t util_ops_quillane
     nullptr,  // stack_high_linkedList
     nullptr,  // stack_high_arrayList
     &util_ops_h26x_base_fun,
-    nullptr,  // h26x_high_seiTimeCode
+    &util_ops_h26x_high_seiTimeCode_fun,
     nullptr,  // net
     nullptr,  // parameter_base
 };

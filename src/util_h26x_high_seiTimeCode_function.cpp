@@ -1,0 +1,569 @@
+// H.26x SEI time code: stream contexts, per-frame counting in step with the
+// local clock (with drop-frame counting and a periodic drift check), and the
+// SEI NAL unit built for every frame.
+#include "util_h26x_high_seiTimeCode_function.h"
+
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstring>
+#include <ctime>
+
+#include "util_alloc.h"
+#include "util_common_high_internal.h"
+#include "util_h26x_high_seiTimeCode_internal.h"
+#include "util_msg.h"
+
+namespace {
+
+// While this file exists, the drift check explains itself in the trace.
+constexpr const char* kDriftMarker = "/dev/util_h26x_high_seiTimeCode";
+
+#define UTIL_TRACE_IF_MARKED(fmt, ...)                        \
+    do {                                                      \
+        if (access(kDriftMarker, F_OK) == 0) {                \
+            UTIL_TRACE(fmt __VA_OPT__(, ) __VA_ARGS__);       \
+        }                                                     \
+    } while (0)
+
+constexpr UTIL_S32 kH264 = ENUM_UTIL_H264_STREAM_TYPE;
+constexpr UTIL_S32 kH265 = ENUM_UTIL_H265_STREAM_TYPE;
+constexpr std::size_t kDataSize = sizeof(util_h26x_sei_tim_t::data);
+constexpr int kCheckPeriodSeconds = 1800;
+
+// The whole frame rate: 2997 counts as 30, 5994 as 60.
+UTIL_S32 whole_fps(const util_h26x_sei_tim_t* phst) noexcept { return (phst->config_param.max_fps_x100 + 50) / 100; }
+
+bool is_h264(const util_h26x_sei_tim_t* phst) noexcept { return phst->config_param.h26x_type == kH264; }
+bool is_h265(const util_h26x_sei_tim_t* phst) noexcept { return phst->config_param.h26x_type == kH265; }
+
+// The counting rules are the same for both codecs' records; only the field
+// widths (and so where they wrap) differ.
+template <typename TimeCode>
+void carry(TimeCode& tc, UTIL_S32 fps) noexcept {
+    if (static_cast<std::int64_t>(tc.n_frames) >= fps) {
+        tc.seconds_value = tc.seconds_value + 1;
+        tc.n_frames = 0;
+    }
+    if (tc.seconds_value > 59) {
+        tc.minutes_value = tc.minutes_value + 1;
+        tc.seconds_value = 0;
+    }
+    if (tc.minutes_value > 59) {
+        tc.hours_value = tc.hours_value + 1;
+        tc.minutes_value = 0;
+    }
+    if (tc.hours_value > 23) {
+        tc.hours_value = 0;
+    }
+}
+
+template <typename TimeCode>
+void load_clock(TimeCode& tc, const struct tm& tm, UTIL_U32 n_frames) noexcept {
+    tc.hours_value = static_cast<unsigned>(tm.tm_hour);
+    tc.minutes_value = static_cast<unsigned>(tm.tm_min);
+    tc.seconds_value = static_cast<unsigned>(tm.tm_sec);
+    tc.n_frames = n_frames;
+}
+
+// Runs `fn` on the time code of the stream's codec; unknown codecs have none.
+template <typename Fn>
+void with_time_code(util_h26x_sei_tim_t* phst, Fn fn) noexcept {
+    if (is_h264(phst)) {
+        fn(phst->h264_sei);
+    } else if (is_h265(phst)) {
+        fn(phst->h265_sei);
+    }
+}
+
+void init_h264(util_h264_sei_timing_t& t) noexcept {
+    t = util_h264_sei_timing_t{};
+    t.cpb_removal_delay = 0;
+    t.dpb_output_delay = 2;
+    t.clock_timestamp_flag = 1;
+    t.counting_type = 1;
+    t.full_timestamp_flag = 1;
+    t.time_offset = 1;
+}
+
+void init_h265(util_h265_sei_time_code_t& t) noexcept {
+    t = util_h265_sei_time_code_t{};
+    t.num_clock_ts = 1;
+    t.clock_timestamp_flag = 1;
+    t.counting_type = 1;
+    t.full_timestamp_flag = 1;
+}
+
+// The codec's time code as plain numbers, for the traces.
+struct ClockView {
+    int hours = 0;
+    int minutes = 0;
+    int seconds = 0;
+    int frames = 0;
+};
+
+ClockView view_time_code(util_h26x_sei_tim_t* phst) noexcept {
+    ClockView v;
+    with_time_code(phst, [&v](auto& tc) {
+        v.hours = static_cast<int>(tc.hours_value);
+        v.minutes = static_cast<int>(tc.minutes_value);
+        v.seconds = static_cast<int>(tc.seconds_value);
+        v.frames = static_cast<int>(tc.n_frames);
+    });
+    return v;
+}
+
+bool is_random_access(const util_h26x_sei_tim_t* phst, UTIL_S32 nalu) noexcept {
+    if (is_h264(phst)) {
+        const int type = nalu & 0x1F;
+        return type == ENUM_UTIL_H264_FRAME_NALU_TYPE_SPS || type == ENUM_UTIL_H264_FRAME_NALU_TYPE_PPS ||
+               type == ENUM_UTIL_H264_FRAME_NALU_TYPE_IDR;
+    }
+    if (is_h265(phst)) {
+        const int type = (nalu >> 1) & 0x3F;
+        return type == ENUM_UTIL_H265_FRAME_NALU_TYPE_VPS || type == ENUM_UTIL_H265_FRAME_NALU_TYPE_SPS ||
+               type == ENUM_UTIL_H265_FRAME_NALU_TYPE_PPS || type == ENUM_UTIL_H265_FRAME_NALU_TYPE_IDR;
+    }
+    return false;
+}
+
+}  // namespace
+
+// ---- clock synchronisation, counting and drift ----
+
+UTIL_S32 Func_h26x_high_sei_sync_local_time(util_h26x_sei_tim_t* pSeiTim) noexcept {
+    struct tm tm;
+    UTIL_U32 usec = 0;
+    if (Func_get_local_time(&tm, &usec) != 0) {
+        UTIL_TRACE("error: get local time\n");
+        return -1;
+    }
+    // A clock still in 1970 has not been set yet (no network time so far).
+    const UTIL_S32 result = tm.tm_year == 70 ? -1 : 0;
+    const auto fps = static_cast<UTIL_U32>(whole_fps(pSeiTim));
+    const UTIL_U32 n_frames = fps * usec / 1000000u;
+    load_clock(pSeiTim->h264_sei, tm, n_frames);
+    load_clock(pSeiTim->h265_sei, tm, n_frames);
+    return result;
+}
+
+UTIL_S32 Func_h26x_high_sei_timing_get_ready_dropped_nframes_func(util_h26x_sei_tim_t* pSeiTim) noexcept {
+    switch (pSeiTim->config_param.max_fps_x100) {
+        case 2997:
+            return 2;
+        case 5994:
+            return 4;
+        default:
+            return 0;
+    }
+}
+
+UTIL_S32 Func_h26x_high_sei_timing_get_dropped_nframes_func(util_h26x_sei_tim_t* pSeiTim) noexcept {
+    const UTIL_S32 ready = Func_h26x_high_sei_timing_get_ready_dropped_nframes_func(pSeiTim);
+    if (ready == 0) {
+        return -1;
+    }
+    UTIL_U32 n_frames = 0;
+    UTIL_U32 seconds = 0;
+    UTIL_U32 minutes = 0;
+    with_time_code(pSeiTim, [&](auto& tc) {
+        n_frames = tc.n_frames;
+        seconds = tc.seconds_value;
+        minutes = tc.minutes_value;
+    });
+    return (n_frames == 0 && seconds == 0 && minutes % 10 != 0) ? ready : 0;
+}
+
+UTIL_S32 Func_h26x_high_correct_tv_sei_sync_local_time_diffence_func(util_h26x_sei_tim_t* phst) noexcept {
+    util_h26x_sei_tim_diff_calibrate_t& cal = phst->timDiffCal;
+    if (cal.latest_time.tv_sec == 0) {
+        gettimeofday(&cal.latest_time, nullptr);
+        return 0;
+    }
+    ++cal.real_frame_cnt;
+    if (cal.wait_frame_cnts == 0 || cal.real_frame_cnt % cal.wait_frame_cnts != 0) {
+        return 0;
+    }
+    struct timeval now;
+    gettimeofday(&now, nullptr);
+    const std::int64_t elapsed_ms = (static_cast<std::int64_t>(now.tv_sec) - cal.latest_time.tv_sec) * 1000 +
+                                    (static_cast<std::int64_t>(now.tv_usec) - cal.latest_time.tv_usec) / 1000;
+    // Frames counted beyond what the exact rate (29.97, not 30) expects.
+    const std::int64_t product = static_cast<std::int64_t>(phst->config_param.max_fps_x100) * elapsed_ms;
+    const float expected = static_cast<float>(product) / 1000.0f / 100.0f;
+    const float drift = static_cast<float>(cal.real_frame_cnt) - expected;
+    const int diff = static_cast<int>(static_cast<double>(drift) + 0.5);
+    const UTIL_S32 fps = whole_fps(phst);
+
+    if (diff >= -1 && diff <= 1) {
+        // In step: look again later, the later the smaller the drift.
+        int x = static_cast<int>(drift * 1200.0f);
+        if (x < 0) x = -x;
+        const int wait = x < kCheckPeriodSeconds ? kCheckPeriodSeconds - x : 1;
+        cal.wait_frame_cnts += static_cast<UTIL_U64>(static_cast<std::int64_t>(fps) * wait);
+        UTIL_TRACE_IF_MARKED("data: cnt:%d, diff:%d, ###=:%.3f, wait:%ds\n", static_cast<int>(cal.real_frame_cnt),
+                             diff, static_cast<double>(drift), wait);
+        return 0;
+    }
+
+    // Out of step: take the time from the clock again and start a new period.
+    if (is_h264(phst) || is_h265(phst)) {
+        const ClockView before = view_time_code(phst);
+        UTIL_TRACE_IF_MARKED("cur time:%02d:%02d:%02d.%02d\n", before.hours, before.minutes, before.seconds,
+                             before.frames);
+        Func_h26x_high_sei_sync_local_time(phst);
+        const ClockView after = view_time_code(phst);
+        UTIL_TRACE_IF_MARKED("sync system time:%02d:%02d:%02d.%02d\n", after.hours, after.minutes, after.seconds,
+                             after.frames);
+    }
+    cal.latest_time = now;
+    cal.wait_frame_cnts = static_cast<UTIL_U64>(static_cast<std::int64_t>(fps) * kCheckPeriodSeconds);
+    UTIL_TRACE_IF_MARKED("###warning: cnt:%d, diff:%d, ###=:%.3f, wait:%ds\n", static_cast<int>(cal.real_frame_cnt),
+                         diff, static_cast<double>(drift), kCheckPeriodSeconds);
+    cal.real_frame_cnt = 0;
+    return 1;
+}
+
+UTIL_S32 Func_h26x_high_sei_set_timing_nframes(util_h26x_sei_tim_t* phst) noexcept {
+    const UTIL_S32 fps = whole_fps(phst);
+    if (phst->init_flag >= 0) {
+        if (phst->config_param.setTimeCode_callback != nullptr) {
+            phst->config_param.setTimeCode_callback(phst);
+        } else if (is_h264(phst)) {
+            // cpb_removal_delay counts field periods since the last
+            // random-access frame and should be back at max on the next one.
+            util_h264_sei_timing_t& t = phst->h264_sei;
+            const std::int64_t max = static_cast<std::int64_t>(fps) * 2;
+            if (phst->init_flag == 0) {
+                t.dpb_output_delay = 2;
+                t.cpb_removal_delay = static_cast<UTIL_U32>(max);
+            } else {
+                t.cpb_removal_delay += 2;
+                if (t.cpb_removal_delay > max) t.cpb_removal_delay = 2;
+            }
+            const bool at_max = t.cpb_removal_delay == max;
+            const bool idr = phst->idr_flag == UTIL_TRUE;
+            if (idr != at_max) {
+                UTIL_TRACE("warning, outRange, idr_flag=%d, cpb=%d, max=%d!\n", static_cast<int>(phst->idr_flag),
+                           static_cast<int>(t.cpb_removal_delay), static_cast<int>(max));
+                if (idr) t.cpb_removal_delay = static_cast<UTIL_U32>(max);
+            }
+        }
+        if (is_h264(phst) || is_h265(phst)) {
+            if (phst->init_flag == 0) {
+                // The first synchronised frame keeps the time just read.
+                phst->init_flag = 1;
+                UTIL_TRACE("no add one frame\n");
+            } else {
+                with_time_code(phst, [](auto& tc) { tc.n_frames = tc.n_frames + 1; });
+            }
+        }
+    }
+    if (phst->init_flag >= 0 && phst->config_param.timDiffCal_enable == 1) {
+        Func_h26x_high_correct_tv_sei_sync_local_time_diffence_func(phst);
+    }
+    with_time_code(phst, [fps](auto& tc) { carry(tc, fps); });
+    if (is_h264(phst)) {
+        phst->h264_sei.ct_type = 0;
+    }
+    const UTIL_S32 dropped = Func_h26x_high_sei_timing_get_dropped_nframes_func(phst);
+    if (dropped >= 0) {
+        // Drop-frame rates: cnt_dropped_flag marks exactly the frame that
+        // follows the skipped counts and is clear on every other frame.
+        with_time_code(phst, [dropped](auto& tc) {
+            tc.counting_type = 4;
+            tc.cnt_dropped_flag = dropped > 0 ? 1 : 0;
+            if (dropped > 0) tc.n_frames = static_cast<unsigned>(dropped);
+        });
+    }
+    return 0;
+}
+
+namespace {
+
+UTIL_S32 Func_h26x_high_sei_timing_nframes_start_function(util_h26x_sei_tim_t* phst,
+                                                          util_h26x_frame_buf_info_t* phfbi) noexcept {
+    if (phst == nullptr || phfbi == nullptr) {
+        UTIL_TRACE("error: phst or phfbi is NULL!\n");
+        return -1;
+    }
+    phst->idr_flag = UTIL_FALSE;
+    // The list holds at most 7 units (and a terminator); never read past it.
+    const int count = phfbi->count < 0 ? 0 : (phfbi->count > 8 ? 8 : phfbi->count);
+    for (int k = 0; k < count; ++k) {
+        if (is_random_access(phst, phfbi->list[k].nalu)) {
+            phst->idr_flag = UTIL_TRUE;
+            break;
+        }
+    }
+    if (phst->config_param.ntp_enable == UTIL_FALSE) {
+        with_time_code(phst, [](auto& tc) { tc.clock_timestamp_flag = 0; });
+        return 0;
+    }
+    if (phst->init_flag == -1) {
+        phst->init_flag = Func_h26x_high_sei_sync_local_time(phst);
+        if (phst->idr_flag == UTIL_FALSE) {
+            phst->init_flag = -1;
+        } else if (phst->init_flag == 0) {
+            const ClockView v = view_time_code(phst);
+            UTIL_TRACE("sync system time:%02d:%02d:%02d.%02d, flag=%d\n", v.hours, v.minutes, v.seconds, v.frames,
+                       static_cast<int>(phst->idr_flag));
+        }
+    }
+    Func_h26x_high_sei_set_timing_nframes(phst);
+    return 0;
+}
+
+}  // namespace
+
+// ---- the SEI NAL unit ----
+
+namespace {
+
+struct Field {
+    UTIL_U32 value;
+    int width;
+};
+
+// Writes fields most significant bit first into data[first..len-1]; a field
+// that would run past the end is cut there.
+class PayloadWriter {
+public:
+    PayloadWriter(UTIL_UCHAR* data, int first, int len) noexcept : data_(data), first_(first), len_(len) {}
+
+    // Returns the byte index at which the field was cut, or -1 when it fit.
+    int put(Field f) noexcept {
+        const int last_byte = first_ + (bits_ + f.width - 1) / 8;
+        if (f.width <= 32 && (f.width == 0 || last_byte < len_)) {
+            put_fast(f.value, f.width);
+            return -1;
+        }
+        for (int b = f.width - 1; b >= 0; --b) {
+            const int index = first_ + bits_ / 8;
+            if (index >= len_) {
+                return index;
+            }
+            const unsigned bit = b < 32 ? (f.value >> b) & 1u : 0u;
+            const auto mask = static_cast<UTIL_UCHAR>(0x80u >> (bits_ % 8));
+            data_[index] = static_cast<UTIL_UCHAR>(bit != 0 ? (data_[index] | mask) : (data_[index] & ~mask));
+            ++bits_;
+        }
+        return -1;
+    }
+
+    int bits() const noexcept { return bits_; }
+
+private:
+    // Whole runs of bits per byte for a field known to fit.
+    void put_fast(UTIL_U32 value, int width) noexcept {
+        while (width > 0) {
+            const int room = 8 - bits_ % 8;
+            const int take = width < room ? width : room;
+            const unsigned chunk = static_cast<unsigned>(value >> (width - take)) & ((1u << take) - 1u);
+            const unsigned shift = static_cast<unsigned>(room - take);
+            const auto mask = static_cast<UTIL_UCHAR>(((1u << take) - 1u) << shift);
+            UTIL_UCHAR& byte = data_[first_ + bits_ / 8];
+            byte = static_cast<UTIL_UCHAR>((byte & ~mask) | (chunk << shift));
+            width -= take;
+            bits_ += take;
+        }
+    }
+
+    UTIL_UCHAR* data_;
+    int first_;
+    int len_;
+    int bits_ = 0;
+};
+
+constexpr UTIL_UCHAR kStartCode[4] = {0x00, 0x00, 0x00, 0x01};
+
+}  // namespace
+
+UTIL_S32 Func_h26x_high_sei_getDataFromSeiTiming(util_h26x_sei_tim_t* pstSei) noexcept {
+    if (!is_h264(pstSei) && !is_h265(pstSei)) {
+        return 0;
+    }
+    Field rows[15];
+    int nrows = 0;
+    int size_cell;  // offset of payloadSize
+    bool clock;
+    UTIL_UCHAR* d = pstSei->data;
+    std::memcpy(d, kStartCode, sizeof kStartCode);
+    if (is_h264(pstSei)) {
+        const util_h264_sei_timing_t& t = pstSei->h264_sei;
+        const util_h26x_sei_tim_config_param_t& c = pstSei->config_param;
+        d[4] = 0x06;  // nal_ref_idc 0, SEI
+        d[5] = ENUM_UTIL_H264_FRAME_SEI_PAYLOAD_TYPE_PIC_TIMING;
+        size_cell = 6;
+        clock = t.clock_timestamp_flag != 0;
+        rows[nrows++] = {t.cpb_removal_delay, c.h264_cpb_removal_delay_length + 1};
+        rows[nrows++] = {t.dpb_output_delay, c.h264_dpb_output_delay_length + 1};
+        rows[nrows++] = {t.pic_struct, 4};
+        rows[nrows++] = {t.clock_timestamp_flag, 1};
+        if (clock) {
+            rows[nrows++] = {t.ct_type, 2};
+            rows[nrows++] = {t.nuit_field_based_flag, 1};
+            rows[nrows++] = {t.counting_type, 5};
+            rows[nrows++] = {t.full_timestamp_flag, 1};
+            rows[nrows++] = {t.discontinuity_flag, 1};
+            rows[nrows++] = {t.cnt_dropped_flag, 1};
+            rows[nrows++] = {t.n_frames, 8};
+            rows[nrows++] = {t.seconds_value, 6};
+            rows[nrows++] = {t.minutes_value, 6};
+            rows[nrows++] = {t.hours_value, 5};
+            rows[nrows++] = {t.time_offset, c.h264_time_offset_length + 1};
+        }
+    } else {
+        util_h265_sei_time_code_t& t = pstSei->h265_sei;
+        t.time_offset_length = t.counting_type != 0 ? 21 : 0;
+        d[4] = 0x4E;  // prefix SEI, layer 0
+        d[5] = 0x01;  // temporal id 0
+        d[6] = static_cast<UTIL_UCHAR>(ENUM_UTIL_H265_FRAME_PREFIX_SEI_PAYLOAD_TYPE_TIME_CODE);
+        size_cell = 7;
+        clock = t.clock_timestamp_flag != 0;
+        rows[nrows++] = {t.num_clock_ts, 2};
+        rows[nrows++] = {t.clock_timestamp_flag, 1};
+        if (clock) {
+            rows[nrows++] = {t.nuits_field_based_flag, 1};
+            rows[nrows++] = {t.counting_type, 5};
+            rows[nrows++] = {t.full_timestamp_flag, 1};
+            rows[nrows++] = {t.discontinuity_flag, 1};
+            rows[nrows++] = {t.cnt_dropped_flag, 1};
+            rows[nrows++] = {t.n_frames, 9};
+            rows[nrows++] = {t.seconds_value, 6};
+            rows[nrows++] = {t.minutes_value, 6};
+            rows[nrows++] = {t.hours_value, 5};
+            rows[nrows++] = {t.time_offset_length, 5};
+            rows[nrows++] = {t.time_offset_value, static_cast<int>(t.time_offset_length)};
+        }
+    }
+    int sum = 0;
+    for (int r = 0; r < nrows; ++r) sum += rows[r].width;
+    sum &= 0xFF;  // the payloadSize cell is one byte
+    if (clock && sum % 8 != 0) {
+        if (size_cell == 6) {
+            UTIL_TRACE("warning, not alin of 8, pstSei->data[6]=%d\n", sum);
+        } else {
+            UTIL_TRACE("warning, not alin of 8, pstSei->data[7]=%d\n", sum);
+        }
+    }
+    const int payload_size = (sum + 7) / 8;
+    d[size_cell] = static_cast<UTIL_UCHAR>(payload_size);
+    pstSei->data_len = payload_size + size_cell + 2;
+    // Bits past the last field stay zero, so a frame's bytes never depend on
+    // what the previous frame left in the buffer.
+    std::memset(d + size_cell + 1, 0, static_cast<std::size_t>(payload_size));
+
+    PayloadWriter writer(d, size_cell + 1, pstSei->data_len);
+    for (int r = 0; r < nrows; ++r) {
+        const int cut_at = writer.put(rows[r]);
+        if (cut_at >= 0) {
+            UTIL_TRACE("error: outrange data array, index=%d, len=%d\n", cut_at, pstSei->data_len);
+        }
+    }
+    if (clock && (writer.bits() % 8 != 0 || writer.bits() != payload_size * 8)) {
+        UTIL_TRACE("error, bits=%d\n", writer.bits());
+    }
+    d[pstSei->data_len - 1] = 0x80;  // rbsp stop bit
+    return 0;
+}
+
+UTIL_S32 Func_h26x_high_sei_get_tim_buf_data(util_h26x_sei_tim_t* pstSei) noexcept {
+    if (pstSei == nullptr) {
+        return -1;
+    }
+    Func_h26x_high_sei_getDataFromSeiTiming(pstSei);
+    // Emulation prevention over everything after the start code: no two zero
+    // bytes may be followed by 00, 01, 02 or 03 inside a NAL unit.
+    UTIL_UCHAR out[kDataSize];
+    std::memcpy(out, pstSei->data, 4);
+    std::size_t n = 4;
+    int zeros = 0;
+    const int len = pstSei->data_len < static_cast<int>(kDataSize) ? pstSei->data_len : static_cast<int>(kDataSize);
+    for (int k = 4; k < len; ++k) {
+        const UTIL_UCHAR b = pstSei->data[k];
+        if (zeros >= 2 && b <= 3) {
+            if (n >= kDataSize) return -1;
+            out[n++] = 0x03;
+            zeros = 0;
+        }
+        if (n >= kDataSize) return -1;
+        out[n++] = b;
+        zeros = b == 0 ? zeros + 1 : 0;
+    }
+    std::memcpy(pstSei->data, out, n);
+    pstSei->data_len = static_cast<UTIL_S32>(n);
+    return pstSei->data_len;
+}
+
+namespace {
+
+UTIL_S32 Func_h26x_high_sei_video_fill_timecode_function(util_h26x_sei_tim_t* phst) noexcept {
+    const UTIL_S32 rc = Func_h26x_high_sei_get_tim_buf_data(phst);
+    if (rc >= 0) {
+        return rc;
+    }
+    UTIL_TRACE("error, Func_h26x_high_sei_get_tim_buf_data:%d\n", rc);
+    return -1;
+}
+
+// ---- the list of contexts ----
+
+UTIL_S32 Func_h26x_high_sei_timing_exit_list_function(util_list_h26x_sei_tim_t* phstList) noexcept {
+    if (phstList == nullptr) {
+        UTIL_TRACE("error: phstList is NULL!\n");
+        return -1;
+    }
+    quillane::mem_free(phstList->ph26xSeiTim);
+    phstList->ph26xSeiTim = nullptr;
+    UTIL_TRACE("free succeed, num;%d\n", phstList->h26xSeiTimMax);
+    phstList->h26xSeiTimMax = 0;
+    return 0;
+}
+
+UTIL_S32 Func_h26x_high_sei_timing_init_list_function(util_list_h26x_sei_tim_t* phstList,
+                                                      util_h26x_sei_tim_config_param_t* phstcp,
+                                                      UTIL_S32 hstcpMax) noexcept {
+    if (phstList == nullptr || phstcp == nullptr || hstcpMax <= 0) {
+        UTIL_TRACE("error: phstList or phstcp is NULL, max:%d!!!\n", hstcpMax);
+        return -1;
+    }
+    if (phstList->ph26xSeiTim != nullptr) {
+        Func_h26x_high_sei_timing_exit_list_function(phstList);
+    }
+    auto* contexts = static_cast<util_h26x_sei_tim_t*>(
+        quillane::mem_malloc(sizeof(util_h26x_sei_tim_t) * static_cast<std::size_t>(hstcpMax)));
+    if (contexts == nullptr) {
+        UTIL_DBG_ERR("error: malloc failed!!!!!");
+        UTIL_TRACE("error, malloc failed!!!\n");
+        return -1;
+    }
+    phstList->ph26xSeiTim = contexts;
+    phstList->h26xSeiTimMax = hstcpMax;
+    UTIL_TRACE("malloc succeed, stcp num;%d\n", hstcpMax);
+    for (UTIL_S32 i = 0; i < hstcpMax; ++i) {
+        util_h26x_sei_tim_t& ctx = contexts[i];
+        std::memset(&ctx, 0, sizeof ctx);
+        ctx.config_param = phstcp[i];
+        ctx.init_flag = -1;
+        ctx.idr_flag = UTIL_FALSE;
+        init_h264(ctx.h264_sei);
+        init_h265(ctx.h265_sei);
+        ctx.timDiffCal.wait_frame_cnts = phstcp[i].init_wait_frame_cnts;
+        if (ctx.config_param.setTimeCode_callback != nullptr) {
+            UTIL_TRACE("setTimeCode_callback[%d];%p\n", i, reinterpret_cast<void*>(ctx.config_param.setTimeCode_callback));
+            ctx.config_param.setTimeCode_callback(&ctx);
+        }
+    }
+    return 0;
+}
+
+}  // namespace
+
+util_ops_h26x_high_seiTimeCode_fun_t util_ops_h26x_high_seiTimeCode_fun = {
+    Func_h26x_high_sei_video_fill_timecode_function,
+    Func_h26x_high_sei_timing_nframes_start_function,
+    Func_h26x_high_sei_timing_init_list_function,
+    Func_h26x_high_sei_timing_exit_list_function,
+};
