@@ -15,5 +15,5 @@ quillane_ensure_packages() {
 }
 
 quillane_build_packages=(cmake ninja-build g++ gcc pkg-config binutils)
-quillane_test_packages=(googletest libgtest-dev libgmock-dev)
+quillane_test_packages=(googletest libgtest-dev libgmock-dev ffmpeg)
 quillane_bench_packages=(libbenchmark-dev)
