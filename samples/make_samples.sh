@@ -1,0 +1,13 @@
+#!/usr/bin/env bash
+# Regenerates the sample streams: two seconds of a test pattern at 29.97 fps,
+# encoded with HRD parameters and pic_struct (so decoders read H.264 picture
+# timing), with the encoder's own SEI removed.
+set -euo pipefail
+cd "$(dirname "$0")"
+common=(-hide_banner -loglevel error -y -f lavfi -i testsrc=size=160x120:rate=30000/1001 -frames:v 60 -pix_fmt yuv420p)
+ffmpeg "${common[@]}" -c:v libx264 -bf 0 -g 30 \
+    -x264-params nal-hrd=vbr:pic-struct=1:vbv-maxrate=300:vbv-bufsize=600 \
+    -bsf:v filter_units=remove_types=6 -f h264 sample_2997.264
+ffmpeg "${common[@]}" -c:v libx265 -x265-params bframes=0:keyint=30:log-level=error \
+    -bsf:v filter_units=remove_types=39 -f hevc sample_2997.265
+ls -l sample_2997.264 sample_2997.265
