@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "annexb.h"
+#include "au_stamper.h"
 #include "util_function.h"
 
 using tcstamp::Codec;
@@ -42,9 +43,8 @@ struct Options {
     std::string out;
     int fps_x100 = 2500;
     std::optional<Codec> codec;
-    std::optional<tcstamp::HrdLengths> hrd;
-    std::optional<int> start[4];
-    bool has_start = false;
+    std::optional<int> hrd[3];
+    std::optional<tcstamp::TimeCode> start;
     bool list = false;
     std::string trace;
 };
@@ -88,25 +88,17 @@ Options parse_args(int argc, char** argv) {
             }
         } else if (a == "--hrd-lengths") {
             const std::string v = value();
-            int c = 0, d = 0, t = 0;
+            int n[3];
             const auto p1 = v.find(',');
             const auto p2 = p1 == std::string::npos ? p1 : v.find(',', p1 + 1);
-            if (p2 == std::string::npos || !parse_int(v.substr(0, p1), c, 0, 31) ||
-                !parse_int(v.substr(p1 + 1, p2 - p1 - 1), d, 0, 31) || !parse_int(v.substr(p2 + 1), t, 0, 31)) {
+            if (p2 == std::string::npos || !parse_int(v.substr(0, p1), n[0], 0, 31) ||
+                !parse_int(v.substr(p1 + 1, p2 - p1 - 1), n[1], 0, 31) || !parse_int(v.substr(p2 + 1), n[2], 0, 31)) {
                 die("--hrd-lengths takes three numbers from 0 to 31, e.g. 23,23,23");
             }
-            o.hrd = tcstamp::HrdLengths{c, d, t + 1, true, true};
+            for (int k = 0; k < 3; ++k) o.hrd[k] = n[k];
         } else if (a == "--start") {
-            const std::string v = value();
-            int f[4];
-            const char* bad = "--start takes HH:MM:SS:FF (or HH:MM:SS;FF)";
-            if (v.size() != 11 || v[2] != ':' || v[5] != ':' || (v[8] != ':' && v[8] != ';')) die(bad);
-            const int limits[4] = {23, 59, 59, 511};
-            for (int k = 0; k < 4; ++k) {
-                if (!parse_int(v.substr(static_cast<std::size_t>(k) * 3, 2), f[k], 0, limits[k])) die(bad);
-                o.start[k] = f[k];
-            }
-            o.has_start = true;
+            o.start = tcstamp::parse_time_code(value());
+            if (!o.start) die("--start takes HH:MM:SS:FF (or HH:MM:SS;FF)");
         } else if (a == "--list") {
             o.list = true;
         } else if (a == "--trace") {
@@ -131,41 +123,15 @@ std::vector<std::uint8_t> read_all(const std::string& path) {
     return data;
 }
 
-template <typename TimeCode>
-void load_start(TimeCode& tc, const Options& o) {
-    tc.hours_value = static_cast<unsigned>(*o.start[0]);
-    tc.minutes_value = static_cast<unsigned>(*o.start[1]);
-    tc.seconds_value = static_cast<unsigned>(*o.start[2]);
-    tc.n_frames = static_cast<unsigned>(*o.start[3]);
-}
-
-std::string time_code_text(const util_h26x_sei_tim_t& ctx) {
-    unsigned h, m, s, f, drop;
-    if (ctx.config_param.h26x_type == ENUM_UTIL_H264_STREAM_TYPE) {
-        const auto& t = ctx.h264_sei;
-        h = t.hours_value, m = t.minutes_value, s = t.seconds_value, f = t.n_frames, drop = t.counting_type == 4;
-    } else {
-        const auto& t = ctx.h265_sei;
-        h = t.hours_value, m = t.minutes_value, s = t.seconds_value, f = t.n_frames, drop = t.counting_type == 4;
+struct OutFile {
+    FILE* fp;
+    ~OutFile() {
+        if (fp != nullptr) std::fclose(fp);
     }
-    char buf[32];
-    std::snprintf(buf, sizeof buf, "%02u:%02u:%02u%c%02u", h, m, s, drop ? ';' : ':', f);
-    return buf;
-}
-
-// The frame in the form the scanner reads: every unit behind a four-byte
-// start code.
-void build_frame(std::span<const std::uint8_t> stream, const std::vector<tcstamp::Nal>& nals, tcstamp::AccessUnit au,
-                 std::vector<std::uint8_t>& frame, std::vector<std::size_t>& unit_at) {
-    frame.clear();
-    unit_at.clear();
-    for (std::size_t k = au.begin; k < au.end; ++k) {
-        unit_at.push_back(frame.size());
-        frame.insert(frame.end(), {0, 0, 0, 1});
-        frame.insert(frame.end(), stream.begin() + static_cast<std::ptrdiff_t>(nals[k].offset),
-                     stream.begin() + static_cast<std::ptrdiff_t>(nals[k].offset + nals[k].size));
+    void write(std::span<const std::uint8_t> bytes) {
+        if (!bytes.empty()) std::fwrite(bytes.data(), 1, bytes.size(), fp);
     }
-}
+};
 
 }  // namespace
 
@@ -182,24 +148,6 @@ int main(int argc, char** argv) {
     if (codec == Codec::h265) nals = tcstamp::split_nal_units(s, codec);
     const std::vector<tcstamp::AccessUnit> aus = tcstamp::group_access_units(nals, codec);
 
-    // The picture timing message must use the widths the SPS announces.
-    tcstamp::HrdLengths hrd;
-    if (opt.hrd) {
-        hrd = *opt.hrd;
-    } else if (codec == Codec::h264) {
-        for (const auto& n : nals) {
-            if (n.type != 7) continue;
-            if (auto found = tcstamp::parse_h264_sps_hrd(s.subspan(n.offset, n.size))) hrd = *found;
-            break;
-        }
-        if (!hrd.hrd_present || !hrd.pic_struct_present) {
-            std::fprintf(stderr,
-                         "quillane-tcstamp: warning: the SPS signals no %s; decoders will not read the picture "
-                         "timing (encode with HRD parameters and pic_struct, or give --hrd-lengths)\n",
-                         hrd.hrd_present ? "pic_struct" : "HRD parameters");
-        }
-    }
-
     util_dbgout_attr_fun_t* attr = util_ops_pfun->dbgout->pstDebugAttr;
     if (opt.trace.empty()) {
         attr->get()->enType = UTIL_DBGOUT_ENUM_TYPE_NOLOG;
@@ -207,84 +155,53 @@ int main(int argc, char** argv) {
         attr->set_dbglog_attr(UTIL_DBGOUT_DBGLOG_ENABLE, opt.trace.c_str(), 1ULL << 30);
     }
 
-    util_h26x_sei_tim_config_param_t config{};
-    config.ntp_enable = UTIL_TRUE;
-    config.max_fps_x100 = opt.fps_x100;
-    config.h26x_type = codec == Codec::h264 ? ENUM_UTIL_H264_STREAM_TYPE : ENUM_UTIL_H265_STREAM_TYPE;
-    config.timDiffCal_enable = 0;  // a file is read far faster than real time
-    config.h264_cpb_removal_delay_length = static_cast<UTIL_U8>(hrd.cpb_removal_delay_length_minus1);
-    config.h264_dpb_output_delay_length = static_cast<UTIL_U8>(hrd.dpb_output_delay_length_minus1);
-    config.h264_time_offset_length = static_cast<UTIL_U8>(hrd.time_offset_length > 0 ? hrd.time_offset_length - 1 : 0);
-    util_list_h26x_sei_tim_t list{};
-    if (util_ops_pfun->h26x_high_seiTimeCode->init_list(&list, &config, 1) != 0) die("out of memory");
-    util_h26x_sei_tim_t& ctx = list.ph26xSeiTim[0];
+    tcstamp::StamperConfig config;
+    config.codec = codec;
+    config.fps_x100 = opt.fps_x100;
+    config.cpb_removal_delay_length = opt.hrd[0];
+    config.dpb_output_delay_length = opt.hrd[1];
+    config.time_offset_length = opt.hrd[2];
+    config.start = opt.start;  // a file is read far faster than real time: no drift check
+    tcstamp::AccessUnitStamper stamper;
+    if (!stamper.start(config)) die("out of memory");
 
-    FILE* out = std::fopen(opt.out.c_str(), "wb");
-    if (out == nullptr) die("cannot write " + opt.out + ": " + std::strerror(errno));
+    OutFile out{std::fopen(opt.out.c_str(), "wb")};
+    if (out.fp == nullptr) die("cannot write " + opt.out + ": " + std::strerror(errno));
 
     const bool progress = isatty(STDERR_FILENO) != 0 && aus.size() >= 500;
-    std::vector<std::uint8_t> frame;
-    std::vector<std::size_t> unit_at;
     std::size_t frames = 0;
     std::string first_tc;
     std::string last_tc;
-    const UTIL_H26X_STREAM_TYPE_ENUM type =
-        codec == Codec::h264 ? ENUM_UTIL_H264_STREAM_TYPE : ENUM_UTIL_H265_STREAM_TYPE;
-    for (const tcstamp::AccessUnit& au : aus) {
-        build_frame(s, nals, au, frame, unit_at);
-        std::size_t first_vcl = au.end;
-        for (std::size_t k = au.begin; k < au.end; ++k) {
-            if (nals[k].vcl) {
-                first_vcl = k;
-                break;
-            }
+    bool warned = false;
+    if (!nals.empty()) out.write(s.first(nals.front().sc_begin));  // whatever precedes the first unit
+    for (std::size_t a = 0; a < aus.size(); ++a) {
+        const std::size_t begin = nals[aus[a].begin].sc_begin;
+        const std::size_t end = a + 1 < aus.size() ? nals[aus[a + 1].begin].sc_begin : s.size();
+        const std::span<const std::uint8_t> au = s.subspan(begin, end - begin);
+        const tcstamp::StampPlan plan = stamper.stamp(au);
+        if (!warned && !stamper.stream_warning().empty()) {
+            std::fprintf(stderr, "quillane-tcstamp: warning: %s\n", stamper.stream_warning().c_str());
+            warned = true;
         }
-        if (first_vcl == au.end) {  // no picture: passed through unstamped
-            std::fwrite(frame.data(), 1, frame.size(), out);
+        if (!plan.picture) {  // no picture: passed through unstamped
+            out.write(au);
             continue;
         }
-        // The scanner lists the units up to the first picture. It only knows
-        // some picture types (not, say, an H.265 CRA), and at most seven
-        // units; then the list is made here from the stream's own parse.
-        util_h26x_frame_buf_info_t units{};
-        const std::size_t insert_unit = first_vcl - au.begin;
-        const int pic = nals[first_vcl].type;
-        const bool scanner_knows_it = (codec == Codec::h264 ? (pic == 1 || pic == 5) : (pic == 1 || pic == 19)) &&
-                                      insert_unit < 7 && frame.size() - unit_at[insert_unit] > 8;
-        if (!scanner_knows_it ||
-            util_ops_pfun->h26x_base->V1_get_hfbi(&units, frame.data(), static_cast<UTIL_S32>(frame.size()), type, 0) !=
-                0 ||
-            units.list[units.count - 1].position != unit_at[insert_unit]) {
-            units = {};
-            const std::size_t n = insert_unit + 1 < 7 ? insert_unit + 1 : 7;
-            for (std::size_t k = 0; k < n; ++k) {
-                const std::size_t u = insert_unit + 1 - n + k;
-                units.list[k].position = unit_at[u];
-                units.list[k].nalu = frame[unit_at[u] + 4];
-            }
-            units.count = static_cast<UTIL_S32>(n);
-        }
-        const bool synced = ctx.init_flag == 1;
-        util_ops_pfun->h26x_high_seiTimeCode->running(&ctx, &units);
-        if (opt.has_start && !synced) {
-            load_start(ctx.h264_sei, opt);
-            load_start(ctx.h265_sei, opt);
-        }
-        const UTIL_S32 len = util_ops_pfun->h26x_high_seiTimeCode->get_data(&ctx);
-        const std::size_t at = unit_at[insert_unit];
-        std::fwrite(frame.data(), 1, at, out);
-        if (len > 0) std::fwrite(ctx.data, 1, static_cast<std::size_t>(len), out);
-        std::fwrite(frame.data() + at, 1, frame.size() - at, out);
-
-        last_tc = time_code_text(ctx);
+        out.write(au.first(plan.insert_at));
+        out.write(plan.sei);
+        out.write(au.subspan(plan.insert_at));
+        last_tc = stamper.time_code_text();
         if (frames == 0) first_tc = last_tc;
         ++frames;
         if (opt.list) std::printf("%zu %s\n", frames - 1, last_tc.c_str());
         if (progress && frames % 250 == 0) std::fprintf(stderr, "\r%zu / %zu frames", frames, aus.size());
     }
     if (progress) std::fputc('\n', stderr);
-    util_ops_pfun->h26x_high_seiTimeCode->exit_list(&list);
-    if (std::fclose(out) != 0) die("cannot write " + opt.out + ": " + std::strerror(errno));
+    if (std::ferror(out.fp) != 0 || std::fclose(out.fp) != 0) {
+        out.fp = nullptr;
+        die("cannot write " + opt.out + ": " + std::strerror(errno));
+    }
+    out.fp = nullptr;
     if (frames == 0) die(opt.in + ": no pictures found");
     std::printf("%s: %zu frames stamped (%s, %d.%02d fps), first %s, last %s\n", opt.out.c_str(), frames,
                 codec == Codec::h264 ? "H.264" : "H.265", opt.fps_x100 / 100, opt.fps_x100 % 100, first_tc.c_str(),

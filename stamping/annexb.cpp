@@ -1,5 +1,7 @@
 #include "annexb.h"
 
+#include <cstring>
+
 #include "util_function.h"
 
 namespace tcstamp {
@@ -23,6 +25,9 @@ public:
     bool ok() const { return ok_; }
     std::uint32_t u(int n) {
         UTIL_U32 v = 0;
+        // Past the end the SPS is cut short: fail quietly, without asking
+        // the library's reader (which would report it on the console).
+        if (pos_ + static_cast<std::size_t>(n) > d_.size() * 8) ok_ = false;
         const int byte = static_cast<int>(pos_ / 8);
         const auto bit = static_cast<UTIL_S8>(7 - pos_ % 8);
         if (!ok_ || util_ops_pfun->h26x_base->readBitsToU32(d_.data(), byte, bit, static_cast<int>(d_.size()),
@@ -95,34 +100,63 @@ void read_hrd(Bits& b, HrdLengths& h) {
 }  // namespace
 
 std::vector<Nal> split_nal_units(std::span<const std::uint8_t> s, Codec codec) {
-    std::vector<std::size_t> starts;  // offsets just after each 00 00 01
-    for (std::size_t i = 0; i + 3 <= s.size();) {
-        if (s[i] == 0 && s[i + 1] == 0 && s[i + 2] == 1) {
-            starts.push_back(i + 3);
-            i += 3;
-        } else {
-            ++i;
-        }
-    }
     std::vector<Nal> nals;
-    for (std::size_t k = 0; k < starts.size(); ++k) {
-        const std::size_t begin = starts[k];
-        std::size_t end = k + 1 < starts.size() ? starts[k + 1] - 3 : s.size();
-        while (end > begin && s[end - 1] == 0) --end;  // leading zero of a 4-byte code, trailing zeros
-        if (end == begin) continue;
-        Nal n{begin, end - begin, 0, false, false};
+    split_nal_units(s, codec, nals);
+    return nals;
+}
+
+namespace {
+
+// Index of the next 00 00 01 at or after `from`, or s.size(): memchr finds
+// the 01 bytes, so long slice payloads are skipped at memory speed.
+std::size_t next_start_code(std::span<const std::uint8_t> s, std::size_t from) {
+    std::size_t j = from + 2;
+    while (j < s.size()) {
+        const void* hit = std::memchr(s.data() + j, 1, s.size() - j);
+        if (hit == nullptr) break;
+        j = static_cast<std::size_t>(static_cast<const std::uint8_t*>(hit) - s.data());
+        if (s[j - 1] == 0 && s[j - 2] == 0) return j - 2;
+        ++j;
+    }
+    return s.size();
+}
+
+}  // namespace
+
+void split_nal_units(std::span<const std::uint8_t> s, Codec codec, std::vector<Nal>& nals, bool stop_at_picture) {
+    nals.clear();
+    std::size_t prev_end = 0;
+    for (std::size_t i = next_start_code(s, 0); i < s.size();) {
+        const std::size_t begin = i + 3;
+        // A zero right before 00 00 01 belongs to a four-byte start code.
+        const std::size_t sc_begin = (i > prev_end && s[i - 1] == 0) ? i - 1 : i;
+        if (begin >= s.size()) break;  // a start code with nothing behind it
+        Nal n{sc_begin, begin, 0, 0, false, false};
         if (codec == Codec::h264) {
             n.type = s[begin] & 0x1F;
             n.vcl = h264_vcl(n.type);
-            n.first_slice = n.vcl && n.size > 1 && (s[begin + 1] & 0x80) != 0;  // first_mb_in_slice == 0
+            n.first_slice = n.vcl && begin + 1 < s.size() && (s[begin + 1] & 0x80) != 0;  // first_mb_in_slice == 0
         } else {
             n.type = (s[begin] >> 1) & 0x3F;
             n.vcl = h265_vcl(n.type);
-            n.first_slice = n.vcl && n.size > 2 && (s[begin + 2] & 0x80) != 0;  // first_slice_segment_in_pic_flag
+            // first_slice_segment_in_pic_flag
+            n.first_slice = n.vcl && begin + 2 < s.size() && (s[begin + 2] & 0x80) != 0;
         }
+        if (stop_at_picture && n.vcl) {
+            // The slice data behind the first picture is never walked.
+            n.size = s.size() - begin;
+            nals.push_back(n);
+            return;
+        }
+        const std::size_t next = next_start_code(s, begin);
+        std::size_t end = next;
+        while (end > begin && s[end - 1] == 0) --end;  // trailing zeros and the next code's leading zero
+        i = next;
+        if (end == begin) continue;
+        prev_end = end;
+        n.size = end - begin;
         nals.push_back(n);
     }
-    return nals;
 }
 
 std::vector<AccessUnit> group_access_units(const std::vector<Nal>& nals, Codec codec) {

@@ -15,7 +15,8 @@ namespace tcstamp {
 enum class Codec { h264, h265 };
 
 struct Nal {
-    std::size_t offset;  // first byte after the start code
+    std::size_t sc_begin;  // first byte of the start code (its leading zero byte, if any)
+    std::size_t offset;    // first byte after the start code
     std::size_t size;    // up to the next start code, trailing zeros dropped
     int type;
     bool vcl;
@@ -23,6 +24,10 @@ struct Nal {
 };
 
 std::vector<Nal> split_nal_units(std::span<const std::uint8_t> stream, Codec codec);
+// The same into a vector the caller keeps, so a per-frame caller allocates
+// once; with stop_at_picture the split ends after the first picture unit.
+void split_nal_units(std::span<const std::uint8_t> stream, Codec codec, std::vector<Nal>& nals,
+                     bool stop_at_picture = false);
 
 // Index ranges [begin, end) of the NAL units of each access unit.
 struct AccessUnit {
