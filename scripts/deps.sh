@@ -15,5 +15,5 @@ quillane_ensure_packages() {
 }
 
 quillane_build_packages=(cmake ninja-build g++ gcc pkg-config binutils)
-quillane_test_packages=(googletest libgtest-dev libgmock-dev ffmpeg)
+quillane_test_packages=(googletest libgtest-dev libgmock-dev ffmpeg libgstreamer-plugins-bad1.0-dev)
 quillane_bench_packages=(libbenchmark-dev)
