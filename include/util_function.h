@@ -5,7 +5,12 @@
 #include "util_common_base_type.h"
 #include "util_common_func_type.h"
 #include "util_dbgout_function.h"
+#include "util_common_base_function.h"
 #include "util_common_high_function.h"
+#include "util_queue_high_linkedList_function.h"
+#include "util_queue_high_arrayList_function.h"
+#include "util_stack_high_linkedList_function.h"
+#include "util_stack_high_arrayList_function.h"
 #include "util_h26x_base_function.h"
 #include "util_h26x_high_seiTimeCode_function.h"
 
@@ -14,11 +19,6 @@ extern "C" {
 #endif
 
 /* Modules whose tables are not published yet: their slots hold null. */
-typedef struct UTIL_OPERATION_STRUCT_LIB_FUNC_COMMON_BASE_FUNCTION util_ops_common_base_fun_t;
-typedef struct UTIL_OPERATION_STRUCT_LIB_FUNC_QUEUE_HIGH_LINKED_LIST_FUNCTION util_ops_queue_high_linkedList_fun_t;
-typedef struct UTIL_OPERATION_STRUCT_LIB_FUNC_QUEUE_HIGH_ARRAY_LIST_FUNCTION util_ops_queue_high_arrayList_fun_t;
-typedef struct UTIL_OPERATION_STRUCT_LIB_FUNC_STACK_HIGH_LINKED_LIST_FUNCTION util_ops_stack_high_linkedList_fun_t;
-typedef struct UTIL_OPERATION_STRUCT_LIB_FUNC_STACK_HIGH_ARRAY_LIST_FUNCTION util_ops_stack_high_arrayList_fun_t;
 typedef struct UTIL_OPERATION_STRUCT_LIB_FUNC_NETWORK_FUNCTION util_ops_net_fun_t;
 typedef struct UTIL_OPERATION_STRUCT_LIB_FUNC_PARAMETER_BASE_FUNCTION util_ops_parameter_base_fun_t;
 

@@ -1,17 +1,27 @@
-// Common high utilities: shell and process helpers, thread affinity and
-// local time. Slots of operations that are not provided yet hold null.
+// Common high utilities: file helpers, configuration-line update, shell and
+// process helpers, thread affinity and local time.
 #include "util_common_high_function.h"
 
+#include <dirent.h>
 #include <sched.h>
+#include <sys/file.h>
+#include <sys/stat.h>
 #include <sys/time.h>
+#include <unistd.h>
 
+#include <climits>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <string_view>
 
+#include "util_alloc.h"
+#include "util_common_base_internal.h"
 #include "util_common_high_internal.h"
 #include "util_msg.h"
+#include "util_raii.h"
+#include "util_shell.h"
 
 extern "C" __attribute__((visibility("default"))) UTIL_S32 Func_pox_system(const UTIL_CHAR* cmd_line) {
     // A caller that ignores SIGCHLD would make system() lose the child's
@@ -56,6 +66,435 @@ UTIL_S32 Func_get_local_time_r(struct tm* ptm) noexcept {
     return 0;
 }
 
+
+namespace {
+
+using quillane::UniqueDir;
+using quillane::UniqueFile;
+using quillane::UniquePipe;
+
+// The leading decimal number of text[0..n) by the rules of atoi (blanks, an
+// optional sign, digits up to the first other character), never reading past
+// n and saturating instead of overflowing.
+UTIL_S32 leading_int(const char* text, std::size_t n) noexcept {
+    std::size_t i = 0;
+    while (i < n && (text[i] == ' ' || (text[i] >= '\t' && text[i] <= '\r'))) ++i;
+    bool negative = false;
+    if (i < n && (text[i] == '+' || text[i] == '-')) negative = text[i++] == '-';
+    long long value = 0;
+    for (; i < n && text[i] >= '0' && text[i] <= '9'; ++i) {
+        value = value * 10 + (text[i] - '0');
+        if (value > static_cast<long long>(INT_MAX) + 1) value = static_cast<long long>(INT_MAX) + 1;
+    }
+    if (negative) value = -value;
+    if (value > INT_MAX) value = INT_MAX;
+    return static_cast<UTIL_S32>(value);
+}
+
+// ---- file helpers ----
+
+UTIL_U64 Func_get_file_size(const UTIL_CHAR* filepath) noexcept {
+    struct stat st;
+    if (filepath == nullptr || stat(filepath, &st) < 0) return 0;
+    return static_cast<UTIL_U64>(st.st_size);
+}
+
+UTIL_U64 Func_get_file_size2(const UTIL_CHAR* filepath) noexcept {
+    if (filepath == nullptr) return 0;
+    UniqueFile fp(std::fopen(filepath, "rbe"));
+    if (!fp || std::fseek(fp.get(), 0, SEEK_END) != 0) return 0;
+    const long end = std::ftell(fp.get());
+    return end < 0 ? 0 : static_cast<UTIL_U64>(end);
+}
+
+UTIL_S32 Func_is_file_empty(UTIL_CHAR* path) noexcept {
+    if (path == nullptr) return -1;
+    UniqueDir dir(opendir(path));
+    if (!dir) return -1;
+    int entries = 0;
+    while (readdir(dir.get()) != nullptr) ++entries;
+    return entries == 0 ? 1 : 0;
+}
+
+UTIL_S32 Func_parsePathName(const UTIL_CHAR* path, UTIL_CHAR* dirName, UTIL_CHAR* baseName) noexcept {
+    if (path == nullptr) return -1;
+    const char* slash = std::strrchr(path, '/');
+    if (dirName != nullptr) {
+        const std::size_t n = slash == nullptr ? 0 : static_cast<std::size_t>(slash - path);
+        std::memcpy(dirName, path, n);
+        dirName[n] = '\0';
+    }
+    if (baseName != nullptr) {
+        const char* base = slash == nullptr ? path : slash + 1;
+        std::memmove(baseName, base, std::strlen(base) + 1);
+    }
+    return 0;
+}
+
+UTIL_S32 Func_isTextExistStr(FILE* fp, UTIL_CHAR* str, UTIL_S32 size, UTIL_S32 max_num) noexcept {
+    if (fp == nullptr || str == nullptr) {
+        UTIL_DBG_ERR("fp or str is null");
+        return -1;
+    }
+    if (size < 1 || size > 1024 || max_num < -1) {
+        UTIL_DBG_ERR("Range Error: size must [1,1024],and max_num must be equal or greater than  -1");
+        return -1;
+    }
+    char line[1024];
+    UTIL_S32 count = 0;
+    for (;;) {
+        std::memset(line, 0, sizeof line);
+        if (std::fgets(line, sizeof line, fp) == nullptr || std::feof(fp)) break;
+        if (std::strncmp(line, str, static_cast<std::size_t>(size)) != 0) continue;
+        if (max_num >= 0 && count >= max_num) break;
+        ++count;
+    }
+    return count;
+}
+
+UTIL_S32 Func_compare_str_to_file(UTIL_CHAR* path, UTIL_CHAR* str, UTIL_S32 size) noexcept {
+    if (path == nullptr) return -1;
+    UniqueFile fp(std::fopen(path, "re"));
+    if (!fp) return -1;
+    const UTIL_S32 count = Func_isTextExistStr(fp.get(), str, size, -1);
+    return count;
+}
+
+UTIL_S32 Func_readTextNum(UTIL_CHAR* filePath, UTIL_S32* num) noexcept {
+    if (filePath == nullptr || num == nullptr || access(filePath, F_OK) != 0) return -1;
+    UniqueFile fp(std::fopen(filePath, "re"));
+    if (!fp) return -1;
+    char text[100] = {};
+    const std::size_t n = std::fread(text, 1, sizeof text, fp.get());
+    *num = leading_int(text, n);
+    return 0;
+}
+
+UTIL_S32 Func_readTextFirstLineStr(UTIL_CHAR* filePath, UTIL_CHAR* str, UTIL_U32 size) noexcept {
+    if (filePath == nullptr || str == nullptr) return -1;
+    UniqueFile fp(std::fopen(filePath, "re"));
+    if (!fp) return -1;
+    std::memset(str, 0, size);
+    std::fread(str, 1, size, fp.get());
+    UTIL_U32 pos = 0;
+    while (pos < size && str[pos] != '\n') ++pos;
+    str[pos] = '\0';
+    return static_cast<UTIL_S32>(pos > INT_MAX ? INT_MAX : pos);
+}
+
+UTIL_S32 Func_deleteFileList(UTIL_CHAR (*delListName)[256], UTIL_S32 num) noexcept {
+    UTIL_S32 errors = 0;
+    for (UTIL_S32 i = 0; delListName != nullptr && i < num; ++i) {
+        const UTIL_CHAR* name = delListName[i];
+        // A slot without a terminator names nothing we could safely use.
+        if (std::memchr(name, '\0', 256) == nullptr) {
+            UTIL_DBG_ERR("error: index:%d: file name is not terminated\n", i);
+            ++errors;
+            continue;
+        }
+        if (name[0] == '\0' || access(name, F_OK) != 0) {
+            UTIL_DBG_INFO("warning: index:%d: file: %s is NULL or no exist\n", i, name);
+            continue;
+        }
+        struct stat st {};
+        stat(name, &st);
+        if (S_ISDIR(st.st_mode)) {
+            char cmd[256];
+            std::size_t pos = 0;
+            const std::string_view n(name);
+            // Plain names give "rm NAME -rf"; others are quoted so they can
+            // only ever name the directory.
+            const bool ok = quillane::shell_safe(n)
+                                ? quillane::append_text(cmd, sizeof cmd, pos, "rm ") &&
+                                      quillane::append_text(cmd, sizeof cmd, pos, n) &&
+                                      quillane::append_text(cmd, sizeof cmd, pos, " -rf")
+                                : quillane::append_text(cmd, sizeof cmd, pos, "rm -rf -- ") &&
+                                      quillane::append_quoted(cmd, sizeof cmd, pos, n);
+            if (!ok) {
+                UTIL_DBG_ERR("error: index:%d: command for %s is too long\n", i, name);
+                ++errors;
+                continue;
+            }
+            Func_pox_system(cmd);
+            usleep(100000);
+            UTIL_DBG_INFO("%s is dir, so execel Func_pox_system cmd: %s \n", name, cmd);
+        } else if (S_ISREG(st.st_mode)) {
+            if (std::remove(name) == 0) {
+                UTIL_DBG_INFO("remove file: %s succeed\n", name);
+            } else {
+                UTIL_DBG_ERR("error: remove file: %s failed\n", name);
+                ++errors;
+            }
+        } else {
+            UTIL_DBG_ERR("error: file is not file or dir: %s failed\n", name);
+            ++errors;
+        }
+    }
+    return errors;
+}
+
+// ---- configuration-line update ----
+
+constexpr std::size_t kLineBuf = 64;
+constexpr std::size_t kContentBuf = 2048;
+constexpr std::size_t kOutLineBuf = 256;
+constexpr std::size_t kShellBuf = 256;
+
+void lock_file(FILE* fp) noexcept {
+    if (flock(fileno(fp), LOCK_EX) != 0) {
+        UTIL_DBG_INFO("file lock by others");
+    }
+}
+
+UTIL_S32 update_conf(UTIL_CHAR* path, UTIL_CHAR* keyword, UTIL_CHAR* item) noexcept {
+    if (path == nullptr || keyword == nullptr || item == nullptr) return -1;
+    // Everything that could be refused is checked before the file is
+    // touched, so a refusal leaves it exactly as it was.
+    char cmd[kShellBuf];
+    std::size_t cmd_len = 0;
+    const std::string_view p(path);
+    const bool cmd_ok = quillane::shell_safe(p) ? quillane::append_text(cmd, sizeof cmd, cmd_len, "rm ") &&
+                                                       quillane::append_text(cmd, sizeof cmd, cmd_len, p)
+                                                 : quillane::append_text(cmd, sizeof cmd, cmd_len, "rm -- ") &&
+                                                       quillane::append_quoted(cmd, sizeof cmd, cmd_len, p);
+    if (!cmd_ok) {
+        UTIL_DBG_ERR("error: path is too long: %s\n", path);
+        return -1;
+    }
+    const std::size_t item_len = std::strlen(item);
+    char content[kContentBuf];
+    std::size_t used = 0;
+    {
+        UniqueFile in(std::fopen(path, "re"));
+        if (!in) return -1;
+        lock_file(in.get());
+        char* line = nullptr;
+        std::size_t cap = 0;
+        bool fits = true;
+        for (ssize_t n; fits && (n = getline(&line, &cap, in.get())) >= 0;) {
+            const bool match = std::strstr(line, keyword) != nullptr;
+            const std::size_t out_len = match ? item_len + 1 : static_cast<std::size_t>(n);
+            if (out_len >= kOutLineBuf || used + out_len >= kContentBuf) {
+                fits = false;
+                break;
+            }
+            if (match) {
+                std::memcpy(content + used, item, item_len);
+                content[used + item_len] = '\n';
+            } else {
+                std::memcpy(content + used, line, out_len);
+            }
+            used += out_len;
+        }
+        std::free(line);
+        flock(fileno(in.get()), LOCK_UN);
+        if (!fits) {
+            UTIL_DBG_ERR("error: %s: a line or the new content is too long, file left unchanged\n", path);
+            return -1;
+        }
+    }
+    Func_pox_system(cmd);
+    UniqueFile out(std::fopen(path, "w+e"));
+    if (!out) return -1;
+    lock_file(out.get());
+    std::fwrite(content, 1, used, out.get());
+    std::fflush(out.get());
+    flock(fileno(out.get()), LOCK_UN);
+    return 0;
+}
+
+UTIL_S32 Func_update_line_conf(UTIL_CHAR* path, UTIL_CHAR* keyword, UTIL_CHAR* new_key_word_value) noexcept {
+    return update_conf(path, keyword, new_key_word_value);
+}
+
+UTIL_S32 Func_update_line_conf_str(UTIL_CHAR* path, UTIL_CHAR* keyword, UTIL_CHAR* keyvalue,
+                                   UTIL_CHAR* format) noexcept {
+    if (format == nullptr || std::strcmp(format, "%s = \"%s\"") != 0) {
+        UTIL_DBG_ERR("error: format is wrong\n");
+        return -1;
+    }
+    if (keyword == nullptr || keyvalue == nullptr) return -1;
+    char line[kLineBuf] = {};
+    if (std::snprintf(line, sizeof line, "%s = \"%s\"", keyword, keyvalue) >= static_cast<int>(sizeof line)) {
+        UTIL_DBG_ERR("error: the line for %s is too long\n", keyword);
+        return -1;
+    }
+    return update_conf(path, keyword, line);
+}
+
+UTIL_S32 Func_update_line_conf_int(UTIL_CHAR* path, UTIL_CHAR* keyword, UTIL_S32 keyvalue,
+                                   UTIL_CHAR* format) noexcept {
+    const char* fmt = nullptr;
+    if (format != nullptr && std::strcmp(format, "%s = \"%d\"") == 0) {
+        fmt = "%s = \"%d\"";
+    } else if (format != nullptr && std::strcmp(format, "%s=%d") == 0) {
+        fmt = "%s=%d";
+    } else {
+        UTIL_DBG_ERR("error: format is wrong\n");
+        return -1;
+    }
+    if (keyword == nullptr) return -1;
+    char line[kLineBuf] = {};
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+    const int n = std::snprintf(line, sizeof line, fmt, keyword, keyvalue);
+#pragma GCC diagnostic pop
+    if (n >= static_cast<int>(sizeof line)) {
+        UTIL_DBG_ERR("error: the line for %s is too long\n", keyword);
+        return -1;
+    }
+    return update_conf(path, keyword, line);
+}
+
+// ---- process and shell helpers ----
+
+constexpr std::size_t kCmdBuf = 128;
+
+UTIL_S32 Func_readFileShellCmds_malloc(UTIL_CHAR* filePath, util_string_list_t* pbuf, UTIL_S32 mblock) noexcept {
+    if (pbuf == nullptr) return -1;
+    pbuf->strList = mblock < 0 ? nullptr
+                               : static_cast<util_string_t*>(quillane::mem_calloc(
+                                     mblock == 0 ? 1 : static_cast<std::size_t>(mblock), sizeof(util_string_t)));
+    if (pbuf->strList == nullptr) {
+        UTIL_DBG_ERR("error: malloc faild!!! buffer:%s, type:%s, count:%d\n", "pbuf->strList", "util_string_t", mblock);
+        return -1;
+    }
+    pbuf->size = mblock;
+    UniqueFile fp(filePath != nullptr ? std::fopen(filePath, "re") : nullptr);
+    if (!fp) {
+        UTIL_DBG_ERR("error: open file failed!!!");
+        return -1;
+    }
+    quillane::UniqueHeap<char> line(static_cast<char*>(quillane::mem_malloc(1024)));
+    if (!line) {
+        UTIL_DBG_ERR("error: malloc faild!!! buffer:%s, type:%s, count:%d\n", "str", "char", 1024);
+        return -1;
+    }
+    UTIL_S32 index = 0;
+    while (index < mblock && std::fgets(line.get(), 1024, fp.get()) != nullptr) {
+        if (std::strlen(line.get()) < 2) continue;
+        const char* text = Func_strTrim(line.get());
+        if (text == nullptr || text[0] == '\0' || text[0] == '#') continue;
+        const std::size_t len = std::strlen(text);
+        auto* copy = static_cast<UTIL_CHAR*>(quillane::mem_malloc(len + 1));
+        if (copy == nullptr) {
+            UTIL_DBG_ERR("error: malloc faild!!! buffer:%s, type:%s, count:%d\n", "pbuf->strList[index].string",
+                         "char", static_cast<int>(len));
+            return -1;
+        }
+        std::memcpy(copy, text, len + 1);
+        pbuf->strList[index].string = copy;
+        pbuf->strList[index].length = static_cast<UTIL_S32>(len);
+        ++index;
+    }
+    return 0;
+}
+
+// Builds "ps | grep \"NAME\"" (a plain name) or "ps | grep -e 'NAME'"
+// (anything else, so the name can never end the pattern and start a command).
+bool lookup_command(const char* name, char (&cmd)[kCmdBuf]) noexcept {
+    std::size_t pos = 0;
+    const std::string_view n(name);
+    if (quillane::shell_safe(n)) {
+        return quillane::append_text(cmd, sizeof cmd, pos, "ps | grep \"") &&
+               quillane::append_text(cmd, sizeof cmd, pos, n) && quillane::append_text(cmd, sizeof cmd, pos, "\"");
+    }
+    return quillane::append_text(cmd, sizeof cmd, pos, "ps | grep -e ") &&
+           quillane::append_quoted(cmd, sizeof cmd, pos, n);
+}
+
+UTIL_S32 Func_find_pid(UTIL_CHAR* pidname) noexcept {
+    if (pidname == nullptr) return 0;
+    char cmd[kCmdBuf];
+    if (!lookup_command(pidname, cmd)) {
+        UTIL_DBG_ERR("error: name too long: %s\n", pidname);
+        return 0;
+    }
+    char out[kCmdBuf] = {};
+    std::size_t n = 0;
+    {
+        UniquePipe pipe(popen(cmd, "re"));
+        if (!pipe) {
+            UTIL_DBG_ERR("fopen %s failed\n", cmd);
+            return 0;
+        }
+        n = std::fread(out, 1, sizeof out, pipe.get());
+        if (n == 0) {
+            UTIL_DBG_ERR("fread %s failed\n", cmd);
+        }
+    }
+    UTIL_S32 pid = 0;
+    for (std::size_t i = 0; i < n; ++i) {
+        if (out[i] >= '0' && out[i] <= '9') {
+            std::size_t end = i;
+            while (end < n && out[end] != ' ') ++end;
+            pid = leading_int(out + i, end - i);
+            break;
+        }
+    }
+    UTIL_DBG_INFO("find pid: %s:%d\n", pidname, pid);
+    return pid;
+}
+
+// A signal as kill takes it after the dash: a number, or a name such as
+// TERM, SIGKILL or RTMIN+3.
+bool signal_text_ok(std::string_view level) noexcept {
+    if (level.empty() || level.size() > 16) return false;
+    for (unsigned char c : level) {
+        if (!((c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '+' || c == '-')) return false;
+    }
+    return level.front() != '-' && level.front() != '+';
+}
+
+void Func_kill_pid(UTIL_CHAR* pid_name, UTIL_CHAR* level) noexcept {
+    if (pid_name == nullptr || level == nullptr || !signal_text_ok(level)) {
+        UTIL_DBG_ERR("error: not a signal: %s\n", level != nullptr ? level : "(null)");
+        return;
+    }
+    char cmd[kCmdBuf];
+    std::size_t pos = 0;
+    quillane::append_text(cmd, sizeof cmd, pos, "kill -");
+    quillane::append_text(cmd, sizeof cmd, pos, level);
+    quillane::append_text(cmd, sizeof cmd, pos, " ");
+    const UTIL_S32 pid = Func_find_pid(pid_name);
+    if (pid == 0) {
+        UTIL_DBG_ERR("not found %s pid\n", pid_name);
+        return;
+    }
+    char number[12];
+    Func_itoa(pid, number);
+    quillane::append_text(cmd, sizeof cmd, pos, number);
+    UTIL_DBG_INFO("cmd:%s\n", cmd);
+    const UTIL_S32 ret = Func_pox_system(cmd);
+    UTIL_DBG_INFO("kill pid: %d ret:%d\n", pid, ret);
+}
+
+UTIL_S32 Func_popen_cmd(UTIL_CHAR* cmd) noexcept {
+    UniquePipe pipe(cmd != nullptr ? popen(cmd, "re") : nullptr);
+    if (!pipe) {
+        UTIL_DBG_ERR("Fail to peopn\n");
+        return -1;
+    }
+    return 0;
+}
+
+UTIL_S32 Func_popen_cmd_result(UTIL_CHAR* cmd, UTIL_CHAR* result, UTIL_U32 size) noexcept {
+    UniquePipe pipe(cmd != nullptr && result != nullptr ? popen(cmd, "re") : nullptr);
+    if (!pipe) {
+        UTIL_DBG_ERR("popen failed\n");
+        return -1;
+    }
+    std::memset(result, 0, size);
+    const std::size_t n = std::fread(result, 1, size, pipe.get());
+    if (n == 0) {
+        UTIL_DBG_ERR("fread %s failed\n", result);
+        return -1;
+    }
+    return static_cast<UTIL_S32>(n > INT_MAX ? INT_MAX : n);
+}
+
+}  // namespace
+
 namespace {
 
 UTIL_S32 Func_setThreadCPU(pthread_t thread, UTIL_U32 cpu_num) noexcept {
@@ -85,23 +524,23 @@ UTIL_S32 Func_setThreadCPU(pthread_t thread, UTIL_U32 cpu_num) noexcept {
 
 util_ops_common_high_fun_t util_ops_common_high_fun = {
     Func_pox_system,
-    nullptr,  // readFileShellCmds_malloc
-    nullptr,  // get_file_size
-    nullptr,  // get_file_size2
-    nullptr,  // is_file_empty
-    nullptr,  // parsePathName
-    nullptr,  // isTextExistStr
-    nullptr,  // compare_str_to_file
-    nullptr,  // readTextNum
-    nullptr,  // readTextFirstLineStr
-    nullptr,  // deleteFileList
-    nullptr,  // update_line_conf_str
-    nullptr,  // update_line_conf_int
-    nullptr,  // update_line_conf
-    nullptr,  // find_pid
-    nullptr,  // kill_pid
-    nullptr,  // popen_cmd
-    nullptr,  // popen_cmd_result
+    Func_readFileShellCmds_malloc,
+    Func_get_file_size,
+    Func_get_file_size2,
+    Func_is_file_empty,
+    Func_parsePathName,
+    Func_isTextExistStr,
+    Func_compare_str_to_file,
+    Func_readTextNum,
+    Func_readTextFirstLineStr,
+    Func_deleteFileList,
+    Func_update_line_conf_str,
+    Func_update_line_conf_int,
+    Func_update_line_conf,
+    Func_find_pid,
+    Func_kill_pid,
+    Func_popen_cmd,
+    Func_popen_cmd_result,
     Func_setThreadCPU,
     Func_get_local_time,
     Func_get_local_time_r,

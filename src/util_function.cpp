@@ -4,11 +4,16 @@
 #include <ctime>
 
 #include "util_alloc.h"
+#include "util_common_base_internal.h"
 #include "util_common_high_internal.h"
 #include "util_dbgout_internal.h"
 #include "util_h26x_base_internal.h"
 #include "util_h26x_high_seiTimeCode_internal.h"
 #include "util_msg.h"
+#include "util_queue_high_arrayList_internal.h"
+#include "util_queue_high_linkedList_internal.h"
+#include "util_stack_high_arrayList_internal.h"
+#include "util_stack_high_linkedList_internal.h"
 #include "util_version.h"
 
 std::atomic<long> quillane::g_alloc_failure_countdown{-1};
@@ -50,12 +55,12 @@ __attribute__((visibility("default"))) util_ops_quillane_fun_t util_ops_quillane
     Func_util_func_init,
     Func_util_func_exit,
     &util_ops_dbgout_fun,
-    nullptr,  // common_base
+    &util_ops_common_base_fun,
     &util_ops_common_high_fun,
-    nullptr,  // queue_high_linkedList
-    nullptr,  // queue_high_arrayList
-    nullptr,  // stack_high_linkedList
-    nullptr,  // stack_high_arrayList
+    &util_ops_queue_high_linkedList_fun,
+    &util_ops_queue_high_arrayList_fun,
+    &util_ops_stack_high_linkedList_fun,
+    &util_ops_stack_high_arrayList_fun,
     &util_ops_h26x_base_fun,
     &util_ops_h26x_high_seiTimeCode_fun,
     nullptr,  // net

@@ -376,6 +376,29 @@ private:
     int bits_ = 0;
 };
 
+// Writes the fields most significant bit first from the start of `out`, the
+// last byte's unused low bits zero; returns the number of bits written. The
+// caller has made sure they all fit and none is wider than 32 bits.
+int pack_fields(UTIL_UCHAR* out, const Field* rows, int nrows) noexcept {
+    std::uint64_t acc = 0;  // at most 7 + 32 pending bits
+    int pending = 0;
+    int total = 0;
+    for (int r = 0; r < nrows; ++r) {
+        const int w = rows[r].width;
+        if (w == 0) continue;
+        const std::uint64_t v = w == 32 ? rows[r].value : (rows[r].value & ((1u << w) - 1u));
+        acc = (acc << w) | v;
+        pending += w;
+        total += w;
+        while (pending >= 8) {
+            pending -= 8;
+            *out++ = static_cast<UTIL_UCHAR>(acc >> pending);
+        }
+    }
+    if (pending > 0) *out = static_cast<UTIL_UCHAR>(acc << (8 - pending));
+    return total;
+}
+
 constexpr UTIL_UCHAR kStartCode[4] = {0x00, 0x00, 0x00, 0x01};
 
 }  // namespace
@@ -438,9 +461,13 @@ UTIL_S32 Func_h26x_high_sei_getDataFromSeiTiming(util_h26x_sei_tim_t* pstSei) no
             rows[nrows++] = {t.time_offset_value, static_cast<int>(t.time_offset_length)};
         }
     }
-    int sum = 0;
-    for (int r = 0; r < nrows; ++r) sum += rows[r].width;
-    sum &= 0xFF;  // the payloadSize cell is one byte
+    int total = 0;
+    bool narrow = true;
+    for (int r = 0; r < nrows; ++r) {
+        total += rows[r].width;
+        narrow = narrow && rows[r].width <= 32;
+    }
+    const int sum = total & 0xFF;  // the payloadSize cell is one byte
     if (clock && sum % 8 != 0) {
         if (size_cell == 6) {
             UTIL_TRACE("warning, not alin of 8, pstSei->data[6]=%d\n", sum);
@@ -455,15 +482,22 @@ UTIL_S32 Func_h26x_high_sei_getDataFromSeiTiming(util_h26x_sei_tim_t* pstSei) no
     // what the previous frame left in the buffer.
     std::memset(d + size_cell + 1, 0, static_cast<std::size_t>(payload_size));
 
-    PayloadWriter writer(d, size_cell + 1, pstSei->data_len);
-    for (int r = 0; r < nrows; ++r) {
-        const int cut_at = writer.put(rows[r]);
-        if (cut_at >= 0) {
-            UTIL_TRACE("error: outrange data array, index=%d, len=%d\n", cut_at, pstSei->data_len);
+    int bits_written;
+    if (narrow && total == sum) {
+        // Every field fits: pack them through a bit accumulator, a byte at a time.
+        bits_written = pack_fields(d + size_cell + 1, rows, nrows);
+    } else {
+        PayloadWriter writer(d, size_cell + 1, pstSei->data_len);
+        for (int r = 0; r < nrows; ++r) {
+            const int cut_at = writer.put(rows[r]);
+            if (cut_at >= 0) {
+                UTIL_TRACE("error: outrange data array, index=%d, len=%d\n", cut_at, pstSei->data_len);
+            }
         }
+        bits_written = writer.bits();
     }
-    if (clock && (writer.bits() % 8 != 0 || writer.bits() != payload_size * 8)) {
-        UTIL_TRACE("error, bits=%d\n", writer.bits());
+    if (clock && (bits_written % 8 != 0 || bits_written != payload_size * 8)) {
+        UTIL_TRACE("error, bits=%d\n", bits_written);
     }
     d[pstSei->data_len - 1] = 0x80;  // rbsp stop bit
     return 0;
@@ -475,13 +509,28 @@ UTIL_S32 Func_h26x_high_sei_get_tim_buf_data(util_h26x_sei_tim_t* pstSei) noexce
     }
     Func_h26x_high_sei_getDataFromSeiTiming(pstSei);
     // Emulation prevention over everything after the start code: no two zero
-    // bytes may be followed by 00, 01, 02 or 03 inside a NAL unit.
-    UTIL_UCHAR out[kDataSize];
-    std::memcpy(out, pstSei->data, 4);
-    std::size_t n = 4;
-    int zeros = 0;
+    // bytes may be followed by 00, 01, 02 or 03 inside a NAL unit. Most
+    // messages need none, and are left where they are.
     const int len = pstSei->data_len < static_cast<int>(kDataSize) ? pstSei->data_len : static_cast<int>(kDataSize);
+    int zeros = 0;
+    int first_escape = len;
     for (int k = 4; k < len; ++k) {
+        const UTIL_UCHAR b = pstSei->data[k];
+        if (zeros >= 2 && b <= 3) {
+            first_escape = k;
+            break;
+        }
+        zeros = b == 0 ? zeros + 1 : 0;
+    }
+    if (first_escape == len) {
+        pstSei->data_len = len < 4 ? 4 : len;
+        return pstSei->data_len;
+    }
+    UTIL_UCHAR out[kDataSize];
+    std::memcpy(out, pstSei->data, static_cast<std::size_t>(first_escape));
+    std::size_t n = static_cast<std::size_t>(first_escape);
+    zeros = 2;
+    for (int k = first_escape; k < len; ++k) {
         const UTIL_UCHAR b = pstSei->data[k];
         if (zeros >= 2 && b <= 3) {
             if (n >= kDataSize) return -1;

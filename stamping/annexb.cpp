@@ -76,7 +76,9 @@ void skip_scaling_list(Bits& b, int size) {
     int last = 8;
     int next = 8;
     for (int j = 0; j < size && b.ok(); ++j) {
-        if (next != 0) next = (last + b.se() + 256) % 256;
+        // Modulo 256 in unsigned arithmetic: a broken SPS may code a delta
+        // far outside -128..127.
+        if (next != 0) next = static_cast<std::uint8_t>(static_cast<std::uint32_t>(last) + static_cast<std::uint32_t>(b.se()));
         last = next == 0 ? last : next;
     }
 }

@@ -24,6 +24,9 @@ void load(TC& tc, const TimeCode& t) {
     tc.minutes_value = static_cast<unsigned>(t.minutes);
     tc.seconds_value = static_cast<unsigned>(t.seconds);
     tc.n_frames = static_cast<unsigned>(t.frames);
+    // The start frame follows no skipped counts, whatever the clock's time
+    // was when the library flagged it.
+    tc.cnt_dropped_flag = 0;
 }
 
 }  // namespace
@@ -59,6 +62,10 @@ bool AccessUnitStamper::start(const StamperConfig& config) {
 }
 
 void AccessUnitStamper::learn_from_sps(std::span<const std::uint8_t> sps) {
+    // The same SPS again teaches nothing new; skipping it keeps the per-frame
+    // path free of the parser's allocations.
+    if (std::ranges::equal(sps, last_sps_)) return;
+    last_sps_.assign(sps.begin(), sps.end());
     const std::optional<HrdLengths> hrd = parse_h264_sps_hrd(sps);
     if (!hrd) return;
     util_h26x_sei_tim_config_param_t& c = list_.ph26xSeiTim[0].config_param;

@@ -78,6 +78,7 @@ private:
     StamperConfig config_;
     util_list_h26x_sei_tim_t list_{};
     std::vector<Nal> nals_;
+    std::vector<std::uint8_t> last_sps_;  // encoders repeat the SPS at every key frame
     std::string warning_;
 };
 

@@ -3,11 +3,18 @@
 #include <stdio.h>
 #include <string.h>
 
+#include "util_common_base_function.h"
 #include "util_common_base_type.h"
 #include "util_common_func_type.h"
 #include "util_common_high_function.h"
 #include "util_dbgout_function.h"
 #include "util_function.h"
+#include "util_queue_base_type.h"
+#include "util_queue_high_arrayList_function.h"
+#include "util_queue_high_linkedList_function.h"
+#include "util_stack_base_type.h"
+#include "util_stack_high_arrayList_function.h"
+#include "util_stack_high_linkedList_function.h"
 
 int main(void)
 {
@@ -27,6 +34,17 @@ int main(void)
     if (util_ops_pfun->dbgout->cmdToStr(cmd, 3, text) != 0 || strcmp(text, "{0x81, 0x01, 0x04}") != 0) return 2;
     if (util_ops_pfun->common_high->pox_system != Func_pox_system) return 3;
     if (sizeof(UTIL_U64) != 8 || sizeof(UTIL_S16) != 2 || !yes) return 4;
+    {
+        util_stack_high_arrayList_t tmpl;
+        util_stack_high_arrayList_t* st;
+        memset(&tmpl, 0, sizeof tmpl);
+        tmpl.nodeMax = 2;
+        st = util_ops_pfun->stack_high_arrayList->create(&tmpl);
+        if (st == NULL || util_ops_pfun->stack_high_arrayList->insert(st, text) != 0 ||
+            util_ops_pfun->stack_high_arrayList->getSize(st) != 1 ||
+            util_ops_pfun->stack_high_arrayList->destroy(&st) != 0 || st != NULL)
+            return 5;
+    }
     printf("%s\n", util_ops_pfun->verInfo);
     return 0;
 }

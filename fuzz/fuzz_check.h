@@ -1,0 +1,48 @@
+// Shared by the fuzz targets: invariant checks that keep the input, and
+// exactly sized heap copies so that AddressSanitizer reports a read or
+// write one byte past what the library was given.
+#pragma once
+
+#include <cstddef>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace fuzz {
+
+// The runner closes stderr to silence the library's diagnostics (libFuzzer
+// and the sanitizers keep a copy of it), so the broken invariant goes to
+// stdout before the trap makes libFuzzer save the input.
+[[noreturn]] inline void fail(const char* file, int line, const char* what) {
+    std::fprintf(stdout, "%s:%d: invariant broken: %s\n", file, line, what);
+    std::fflush(stdout);
+    __builtin_trap();
+}
+
+class Block {
+public:
+    // n bytes, uninitialised.
+    explicit Block(std::size_t n) : p_(static_cast<char*>(std::malloc(n == 0 ? 1 : n))) {
+        if (p_ == nullptr) std::abort();
+    }
+    // A copy of n bytes, followed by a terminator when asked for one.
+    Block(const void* src, std::size_t n, bool terminated) : Block(n + (terminated ? 1 : 0)) {
+        if (n > 0) std::memcpy(p_, src, n);
+        if (terminated) p_[n] = '\0';
+    }
+    ~Block() { std::free(p_); }
+    Block(const Block&) = delete;
+    Block& operator=(const Block&) = delete;
+
+    char* get() const { return p_; }
+
+private:
+    char* p_;
+};
+
+}  // namespace fuzz
+
+#define CHECK(cond)                                              \
+    do {                                                         \
+        if (!(cond)) ::fuzz::fail(__FILE_NAME__, __LINE__, #cond); \
+    } while (0)

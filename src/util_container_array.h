@@ -1,0 +1,295 @@
+// The array containers, queue and stack, written once: node slots allocated
+// when the container is made, after which nothing is allocated. The
+// discipline (RingSlots, StackSlots) says which slot an element enters and
+// leaves by and how positions map to slots; everything else is shared.
+#pragma once
+
+#include "util_container_common.h"
+
+namespace quillane::container {
+
+// The ring of the array queue: the elements lie from `head` up to, not
+// including, `tail`, and one slot always stays free. Indices never reach
+// nodeMax, so a compare stands in for the remainder; with a nodeMax of 0 (an
+// entry init_list could not equip) both stay 0 and the ring is always empty.
+template <class C>
+struct RingSlots {
+    using Node = std::remove_pointer_t<decltype(C::pnode)>;
+
+    static UTIL_U32 next(const C* c, UTIL_U32 index) noexcept { return index + 1 == c->nodeMax ? 0 : index + 1; }
+    static bool empty(const C* c) noexcept { return c->head == c->tail; }
+    static bool full(const C* c) noexcept { return next(c, c->tail) == c->head; }
+    static UTIL_U32 count(const C* c) noexcept {
+        return c->tail >= c->head ? c->tail - c->head : c->nodeMax - c->head + c->tail;
+    }
+    static UTIL_U32 entry(const C* c) noexcept { return c->tail; }
+    static void entered(C* c) noexcept { c->tail = next(c, c->tail); }
+    // The oldest element's slot; the index moves on once it is handled.
+    static UTIL_U32 leave_begin(const C* c) noexcept { return c->head; }
+    static void leave_end(C* c) noexcept { c->head = next(c, c->head); }
+    // The slot of the k-th element to leave (k < count).
+    static UTIL_U32 slot_of_element(const C* c, UTIL_U32 k) noexcept {
+        const UTIL_U32 before_wrap = c->nodeMax - c->head;
+        return k < before_wrap ? c->head + k : k - before_wrap;
+    }
+    // Positions are slot indices: a negative one, seen unsigned, is never valid.
+    static UTIL_S32 position_of_slot(const C*, UTIL_U32 slot) noexcept { return static_cast<UTIL_S32>(slot); }
+    static bool slot_of_position(const C* c, UTIL_S32 position, UTIL_U32* slot) noexcept {
+        const auto index = static_cast<UTIL_U32>(position);
+        *slot = index;
+        if (index >= c->nodeMax) return false;
+        return c->head < c->tail ? c->head <= index && index < c->tail : index >= c->head || index < c->tail;
+    }
+    static void reset(C* c) noexcept { c->head = c->tail = 0; }
+};
+
+// The array stack: the elements lie in slots 0 to top - 1, the newest last,
+// and positions count from the newest.
+template <class C>
+struct StackSlots {
+    using Node = std::remove_pointer_t<decltype(C::pnode)>;
+
+    static bool empty(const C* c) noexcept { return c->top == 0; }
+    static bool full(const C* c) noexcept { return c->top == c->nodeMax; }
+    static UTIL_U32 count(const C* c) noexcept { return c->top; }
+    static UTIL_U32 entry(const C* c) noexcept { return c->top; }
+    static void entered(C* c) noexcept {
+        if (c->top < c->nodeMax) ++c->top;
+    }
+    // `top` falls before the element is handled, so a transfer onto the same
+    // stack hands over the same slot twice.
+    static UTIL_U32 leave_begin(C* c) noexcept { return --c->top; }
+    static void leave_end(C*) noexcept {}
+    static UTIL_U32 slot_of_element(const C* c, UTIL_U32 k) noexcept { return c->top - 1 - k; }
+    static UTIL_S32 position_of_slot(const C* c, UTIL_U32 slot) noexcept {
+        return static_cast<UTIL_S32>(c->top - slot - 1);
+    }
+    static bool slot_of_position(const C* c, UTIL_S32 position, UTIL_U32* slot) noexcept {
+        if (position < 0 || static_cast<UTIL_U32>(position) >= c->top) return false;
+        *slot = c->top - static_cast<UTIL_U32>(position) - 1;
+        return true;
+    }
+    static void reset(C* c) noexcept { c->top = 0; }
+};
+
+// How readying a container's slots ended.
+enum class Made { ok, no_record, zero_slots, no_slots };
+
+// How an insert or a transfer ended; the value is the operation's result.
+enum class Put : UTIL_S32 { done = 0, nothing = 1, zero_slots = -1 };
+
+template <class C, class Slots>
+struct Array {
+    using Node = typename Slots::Node;
+    using Data = DataOf<Node>;
+
+    // Takes the template's callbacks and slot count and allocates the slots,
+    // all with data NULL. A container that gets none is left empty with
+    // nodeMax 0, so every later operation sees it empty and refuses to fill it.
+    static Made equip(C* c, const C& tmpl) noexcept {
+        const UTIL_U32 slots = tmpl.nodeMax;
+        c->fun = tmpl.fun;
+        c->pnode = nullptr;
+        c->nodeMax = 0;
+        Slots::reset(c);
+        if (slots == 0) return Made::zero_slots;
+        c->pnode = static_cast<Node*>(mem_calloc(slots, sizeof(Node)));
+        if (c->pnode == nullptr) return Made::no_slots;
+        c->nodeMax = slots;
+        return Made::ok;
+    }
+
+    static C* create(const C& tmpl, Made* how) noexcept {
+        auto* c = static_cast<C*>(mem_malloc(sizeof(C)));
+        if (c == nullptr) {
+            *how = Made::no_record;
+            return nullptr;
+        }
+        *how = equip(c, tmpl);
+        if (*how == Made::ok) return c;
+        mem_free(c);
+        return nullptr;
+    }
+
+    static bool is_empty(const C* c) noexcept { return Slots::empty(c); }
+    static bool is_full(const C* c) noexcept { return Slots::full(c); }
+
+    // Without an insert callback the slot keeps whatever data it held.
+    static Put insert(C* c, Data* pdata) noexcept {
+        if (c->nodeMax == 0) return Put::zero_slots;
+        if (Slots::full(c)) return Put::nothing;
+        Node* slot = &c->pnode[Slots::entry(c)];
+        if (c->fun.insertNodeData_callback != nullptr) {
+            slot->data = nullptr;
+            c->fun.insertNodeData_callback(slot, pdata);
+        }
+        Slots::entered(c);
+        return Put::done;
+    }
+
+    // The slot's data pointer stays; the slot merely counts as free again.
+    static UTIL_S32 remove(C* c) noexcept {
+        if (Slots::empty(c)) return 1;
+        release(c->fun, &c->pnode[Slots::leave_begin(c)]);
+        Slots::leave_end(c);
+        return 0;
+    }
+
+    static void clear(C* c) noexcept {
+        for (UTIL_U32 n = Slots::count(c); n > 0; --n) {
+            if (remove(c) == 1) break;
+        }
+    }
+
+    static void destroy(C* c) noexcept {
+        clear(c);
+        mem_free(c->pnode);
+        mem_free(c);
+    }
+
+    static UTIL_S32 search(const C* c, Data* key) noexcept {
+        const UTIL_U32 n = Slots::count(c);
+        for (UTIL_U32 k = 0; k < n; ++k) {
+            const UTIL_U32 slot = Slots::slot_of_element(c, k);
+            if (matches(c->fun, &c->pnode[slot], key)) return Slots::position_of_slot(c, slot);
+        }
+        return -1;
+    }
+
+    static void display(const C* c) noexcept {
+        const UTIL_U32 n = Slots::count(c);
+        for (UTIL_U32 k = 0; k < n; ++k) container::display(c->fun, &c->pnode[Slots::slot_of_element(c, k)]);
+    }
+
+    static UTIL_S32 size(const C* c) noexcept { return static_cast<UTIL_S32>(Slots::count(c)); }
+    static UTIL_S32 count_field(const C* c) noexcept { return static_cast<UTIL_S32>(c->nodeMax); }
+
+    // The occupied slot at `position`, or NULL when the position names none.
+    static Node* slot_at(const C* c, UTIL_S32 position) noexcept {
+        UTIL_U32 slot = 0;
+        return Slots::slot_of_position(c, position, &slot) ? &c->pnode[slot] : nullptr;
+    }
+
+    // The transfer callback copies the element's data into the receiving
+    // slot; without one the receiving slot keeps its old data. A transfer
+    // into the same container is allowed even when it is full.
+    static Put transfer(C* out, C* in) noexcept {
+        if (Slots::empty(out)) return Put::nothing;
+        if (in->nodeMax == 0) return Put::zero_slots;
+        if (in != out && Slots::full(in)) return Put::nothing;
+        Node* from = &out->pnode[Slots::leave_begin(out)];
+        Node* to = &in->pnode[Slots::entry(in)];
+        if (auto move = transfer_callback(out->fun, in->fun); move != nullptr) move(from, to);
+        Slots::leave_end(out);
+        Slots::entered(in);
+        return Put::done;
+    }
+
+    static void release_list(C* array, UTIL_S32 n) noexcept {
+        for (UTIL_S32 i = 0; i < n; ++i) {
+            clear(&array[i]);
+            mem_free(array[i].pnode);
+        }
+        mem_free(array);
+    }
+};
+
+}  // namespace quillane::container
+
+// How the position messages describe where the elements are.
+#define QUILLANE_WHERE_FMT_RingSlots "head=%d, tail=%d"
+#define QUILLANE_WHERE_RingSlots(p) static_cast<int>((p)->head), static_cast<int>((p)->tail)
+#define QUILLANE_WHERE_FMT_StackSlots "top=%d"
+#define QUILLANE_WHERE_StackSlots(p) static_cast<int>((p)->top)
+
+// Readies entry i of a new array; an entry that gets no slots is reported on
+// the console and in the trace, and the next entry follows.
+#define QUILLANE_ARRAY_EQUIP(ELEMS, LIST, ARRAY, i)                                          \
+    do {                                                                                     \
+        const Made how = Ops::equip(&array[i], ELEMS[i]);                                    \
+        const int wanted = static_cast<int>(ELEMS[i].nodeMax);                               \
+        if (how == Made::zero_slots) {                                                       \
+            UTIL_DBG_ERR("error: malloc array " #ELEMS "[%d].nodeMax:%d fail!\n", i, wanted);  \
+            UTIL_TRACE("error: malloc array " #ELEMS "[%d].nodeMax:%d fail!\n\n", i, wanted); \
+        } else if (how == Made::no_slots) {                                                  \
+            UTIL_DBG_ERR("error: malloc array " #LIST "->" #ARRAY "[i].pnode fail!\n");      \
+            UTIL_TRACE("error: malloc array " #LIST "->" #ARRAY "[i].pnode fail!\n\n");      \
+        }                                                                                    \
+    } while (0)
+
+// Expands to the named operations and the table of one array container
+// module: NAME is the module (queue_high_arrayList), KIND its element word
+// (queue), SLOTS its discipline, OUT and IN the names the transfer messages
+// give its two containers, NUM the word of the allocation trace, and the
+// rest as for the common operations.
+#define QUILLANE_ARRAY_CONTAINER(NAME, KIND, SLOTS, OUT, IN, LIST, ELEMS, ARRAY, MAX, NUM)                        \
+    namespace {                                                                                                   \
+    QUILLANE_CONTAINER_TYPES(NAME, Array, SLOTS);                                                                 \
+    using ::quillane::container::Made;                                                                            \
+    using ::quillane::container::Put;                                                                             \
+                                                                                                                  \
+    Container* Func_##NAME##_create(Container* pdefault) noexcept {                                               \
+        QUILLANE_CONTAINER_REQUIRE_TEMPLATE("arrayList", KIND, pdefault);                                         \
+        Made how = Made::ok;                                                                                      \
+        Container* created = Ops::create(*pdefault, &how);                                                        \
+        if (how == Made::no_record) {                                                                             \
+            UTIL_DBG_ERR("error: malloc p" #KIND " fail!\n");                                                     \
+        } else if (how == Made::zero_slots) {                                                                     \
+            UTIL_DBG_ERR("error: malloc array p" #KIND " nodeMax:%d fail!\n",                                   \
+                         static_cast<int>(pdefault->nodeMax));                                                    \
+        } else if (how == Made::no_slots) {                                                                       \
+            UTIL_DBG_ERR("error: malloc array p" #KIND " pnode fail!\n");                                         \
+        }                                                                                                         \
+        return created;                                                                                           \
+    }                                                                                                             \
+    QUILLANE_CONTAINER_SIMPLE(NAME, UTIL_BOOL, isFull, UTIL_FALSE,                                                \
+                              QUILLANE_CONTAINER_BOOL(Ops::is_full(pcontainer)))                                  \
+    QUILLANE_CONTAINER_SIMPLE(NAME, UTIL_S32, display, -1, (Ops::display(pcontainer), 0))                         \
+    UTIL_S32 Func_##NAME##_insert(Container* pcontainer, Ops::Data* pdata) noexcept {                             \
+        QUILLANE_CONTAINER_REQUIRE(NAME, pcontainer, -1);                                                         \
+        const Put put = Ops::insert(pcontainer, pdata);                                                           \
+        if (put == Put::zero_slots) {                                                                             \
+            UTIL_DBG_ERR("error: " #NAME " nodeMax:%d <=0!\n", static_cast<int>(pcontainer->nodeMax));            \
+        }                                                                                                         \
+        return static_cast<UTIL_S32>(put);                                                                        \
+    }                                                                                                             \
+    UTIL_S32 Func_##NAME##_transfer(Container* pout, Container* pin) noexcept {                                   \
+        QUILLANE_CONTAINER_REQUIRE_PAIR(NAME, OUT, IN, pout, pin);                                                \
+        const Put put = Ops::transfer(pout, pin);                                                                 \
+        if (put == Put::zero_slots) {                                                                             \
+            UTIL_DBG_ERR("error: " #NAME ", " IN " nodeMax:%d <=0!\n", static_cast<int>(pin->nodeMax));           \
+        }                                                                                                         \
+        return static_cast<UTIL_S32>(put);                                                                        \
+    }                                                                                                             \
+    /* An empty container is searched without a word. */                                                         \
+    UTIL_S32 Func_##NAME##_search(Container* pcontainer, Ops::Data* pdata) noexcept {                             \
+        QUILLANE_CONTAINER_REQUIRE(NAME, pcontainer, -1);                                                         \
+        return Ops::search(pcontainer, pdata);                                                                    \
+    }                                                                                                             \
+    UTIL_S32 Func_##NAME##_modify(Container* pcontainer, UTIL_S32 position, Ops::Data* pdata) noexcept {          \
+        QUILLANE_CONTAINER_REQUIRE(NAME, pcontainer, -1);                                                         \
+        if (Ops::is_empty(pcontainer)) return 1;                                                                  \
+        Node* slot = Ops::slot_at(pcontainer, position);                                                          \
+        if (slot != nullptr) return ::quillane::container::modify(pcontainer->fun, slot, pdata);                  \
+        UTIL_DBG_ERR("error: " #KIND " " QUILLANE_WHERE_FMT_##SLOTS ", position=%d!\n",                           \
+                     QUILLANE_WHERE_##SLOTS(pcontainer), position);                                               \
+        return -1;                                                                                                \
+    }                                                                                                             \
+    Ops::Data* Func_##NAME##_getNodeData(Container* pcontainer, UTIL_S32 position) noexcept {                     \
+        QUILLANE_CONTAINER_REQUIRE(NAME, pcontainer, nullptr);                                                    \
+        if (Ops::is_empty(pcontainer)) return nullptr;                                                            \
+        const Node* slot = Ops::slot_at(pcontainer, position);                                                    \
+        if (slot == nullptr) {                                                                                    \
+            UTIL_DBG_ERR("error: outRange, " #KIND " " QUILLANE_WHERE_FMT_##SLOTS ", position=%d!\n",             \
+                         QUILLANE_WHERE_##SLOTS(pcontainer), position);                                           \
+        }                                                                                                         \
+        return slot != nullptr ? slot->data : nullptr;                                                            \
+    }                                                                                                             \
+    QUILLANE_CONTAINER_COMMON_OPERATIONS(NAME, LIST, ELEMS, ARRAY, MAX, NUM, QUILLANE_ARRAY_EQUIP)                \
+    }                                                                                                             \
+    util_ops_##NAME##_fun_t util_ops_##NAME##_fun = {                                                             \
+        Func_##NAME##_create,   Func_##NAME##_isEmpty,  Func_##NAME##_isFull,      Func_##NAME##_insert,          \
+        Func_##NAME##_remove,   Func_##NAME##_search,   Func_##NAME##_modify,      Func_##NAME##_transfer,        \
+        Func_##NAME##_clear,    Func_##NAME##_display,  Func_##NAME##_destroy,     Func_##NAME##_getSize,         \
+        Func_##NAME##_getCount, Func_##NAME##_getNodeData, Func_##NAME##_init_list, Func_##NAME##_exit_list,      \
+    };

@@ -1,0 +1,237 @@
+// The containers at their edges: refusals with their exact messages, storage
+// without callbacks, the position lookups' quirks, the ring's wrap-around,
+// and lists of containers over their whole life.
+#include <climits>
+
+#include "container_kinds.h"
+
+using namespace ctest;
+using qtest::FullyMatches;
+
+namespace {
+
+template <class K>
+using Containers = ContainerTest<K>;
+TYPED_TEST_SUITE(Containers, Kinds);
+
+TYPED_TEST(Containers, BadArgumentsAreRefusedWithTheirMessages) {
+    using K = TypeParam;
+    auto* ops = K::ops();
+    const std::string null = "error: " + std::string(K::name) + " is NULL!\n";
+    auto refused = [&](const char* op, auto result, auto call) {
+        decltype(result) got{};
+        EXPECT_THAT(console([&] { got = call(); }), FullyMatches(err<K>(op, null))) << op;
+        EXPECT_EQ(got, result) << op;
+    };
+    refused("isEmpty", UTIL_FALSE, [&] { return ops->isEmpty(nullptr); });
+    refused("insert", -1, [&] { return ops->insert(nullptr, &g); });
+    refused("remove", -1, [&] { return ops->remove(nullptr); });
+    refused("search", -1, [&] { return ops->search(nullptr, &g); });
+    refused("modify", -1, [&] { return ops->modify(nullptr, 0, &g); });
+    refused("clear", -1, [&] { return ops->clear(nullptr); });
+    refused("display", -1, [&] { return ops->display(nullptr); });
+    refused("getSize", -1, [&] { return ops->getSize(nullptr); });
+    refused("getCount", -1, [&] { return ops->getCount(nullptr); });
+    refused("getNodeData", static_cast<void*>(nullptr), [&] { return ops->getNodeData(nullptr, 0); });
+    if constexpr (!K::linked) refused("isFull", UTIL_FALSE, [&] { return ops->isFull(nullptr); });
+
+    typename K::C* none = nullptr;
+    EXPECT_EQ(console([&] { EXPECT_EQ(ops->destroy(nullptr) + ops->destroy(&none), 0); }), "");
+    typename K::C tmpl = K::make({}, 2);
+    typename K::C* c = ops->create(&tmpl);
+    const std::string out_in = K::fifo ? "queueOut or queueIn" : "pstackOut or pstackIn";
+    EXPECT_THAT(
+        console([&] { EXPECT_EQ(ops->transfer(c, nullptr) + ops->transfer(nullptr, c), -2); }),
+        FullyMatches("(" + err<K>("transfer", "error: " + std::string(K::name) + ", " + out_in + " is NULL!\n") +
+                     "){2}"));
+    const std::string form = K::linked ? "linkedList " : "arrayList ";
+    EXPECT_THAT(console([&] { EXPECT_EQ(ops->create(nullptr), nullptr); }),
+                FullyMatches(err<K>("create", "error: default " + form + K::word + " is NULL!\n")));
+    ops->destroy(&c);
+
+    typename K::L list{};
+    EXPECT_EQ(ops->init_list(nullptr, &tmpl, 1), -1);
+    EXPECT_EQ(ops->init_list(&list, nullptr, 1), -1);
+    EXPECT_EQ(ops->init_list(&list, &tmpl, 0), -1);
+    EXPECT_EQ(ops->init_list(&list, &tmpl, -1), -1);
+    EXPECT_EQ(ops->exit_list(nullptr), -1);
+    EXPECT_EQ(ops->exit_list(&list), 0);
+    const std::string elems = K::elems;
+    const std::string bad = "error: " + elems + "List or " + elems + " is NULL, max:";
+    EXPECT_THAT(qtest::read_file(this->log_),
+                FullyMatches("(" + trace<K>("init_list", bad + "1!!!\n") + "){2}" +
+                             trace<K>("init_list", bad + "0!!!\n") + trace<K>("init_list", bad + "-1!!!\n") +
+                             trace<K>("exit_list", "error: " + elems + "List is NULL!\n") +
+                             trace<K>("exit_list", "free succeed, num;0\n")));
+}
+
+// Each container of a list keeps its own template's callbacks, and the caller
+// may change them later. Without callbacks nothing is stored, matches are by
+// pointer, a reused array slot keeps the data it had and a transfer copies nothing.
+TYPED_TEST(Containers, EachTemplateBringsItsOwnCallbacks) {
+    using K = TypeParam;
+    auto* ops = K::ops();
+    typename K::C templates[2] = {K::make({}, 3), K::make({}, 3)};
+    templates[0].fun.insertNodeData_callback = [](typename K::Node* node, void* pdata) {
+        node->data = pdata;
+        return 0;
+    };
+    typename K::L list{};
+    ASSERT_EQ(ops->init_list(&list, templates, 2), 0);
+    typename K::C* c = &K::array(list)[0];
+    typename K::C* d = &K::array(list)[1];
+    int a = 1, b = 2;
+    ASSERT_EQ(ops->insert(d, &b), 0);
+    EXPECT_EQ(ops->getNodeData(d, 0), nullptr);
+    ASSERT_EQ(ops->remove(d), 0);
+    for (int round = 0; round < 3; ++round) {  // the ring comes back to slot 0
+        ASSERT_EQ(ops->insert(c, &a), 0);
+        ASSERT_EQ(ops->remove(c), 0);
+    }
+    c->fun.insertNodeData_callback = nullptr;
+    ASSERT_EQ(ops->insert(c, &b), 0);
+    EXPECT_EQ(ops->getNodeData(c, 0), K::linked ? nullptr : &a);
+    EXPECT_EQ(ops->search(c, K::linked ? nullptr : &a), 0);
+    EXPECT_EQ(ops->search(c, &b), -1);
+    EXPECT_EQ(ops->modify(c, 0, &b), 0);
+    EXPECT_EQ(ops->display(c), 0);
+    EXPECT_EQ(ops->transfer(c, d), 0);
+    EXPECT_EQ(ops->getSize(d), 1);
+    EXPECT_EQ(ops->getNodeData(d, K::linked || !K::fifo ? 0 : 1), nullptr);  // an old free slot, or the node's NULL
+    EXPECT_EQ(ops->exit_list(&list), 0);
+}
+
+template <class K>
+using Linked = ContainerTest<K>;
+using LinkedKinds = ::testing::Types<LinkedQueue, LinkedStack>;
+TYPED_TEST_SUITE(Linked, LinkedKinds);
+
+// Negative positions give the leaving end; a position at or past `count`
+// fails in the lookup, then in the operation; a `count` raised by the caller
+// is caught by the walk, except where the queue serves count - 1 from `rear`.
+TYPED_TEST(Linked, LookupsByPositionKeepTheirQuirks) {
+    using K = TypeParam;
+    auto* ops = K::ops();
+    typename K::C tmpl = K::make(owning_callbacks<K>(), 0);
+    typename K::C* c = ops->create(&tmpl);
+    const std::string w = K::word;
+    const std::string empty = "warning: " + w + (K::fifo ? "->front" : "->top") + " is NULL!!\n";
+    EXPECT_THAT(console([&] { EXPECT_EQ(ops->search(c, &g) + ops->display(c), -2); }),
+                FullyMatches(err<K>("search", empty) + err<K>("display", empty)));
+    EXPECT_EQ(console([&] {
+                  EXPECT_EQ(ops->getNodeData(c, 0), nullptr);
+                  EXPECT_EQ(ops->modify(c, 0, &g), 1);
+              }),
+              "");
+    for (int v : {1, 2, 3}) ASSERT_EQ(ops->insert(c, &v), 0);
+    const int newest = K::fifo ? 1 : 3;
+    EXPECT_EQ(value(ops->getNodeData(c, INT_MIN)), newest);
+    auto failed = [&](const char* op, const std::string& warning, int position) {
+        return err<K>("getNode", warning) +
+               err<K>(op, "error: search position=" + std::to_string(position) + " failed!!\n");
+    };
+    EXPECT_THAT(console([&] { EXPECT_EQ(ops->getNodeData(c, 3), nullptr); }),
+                FullyMatches(failed("getNodeData", "warning: " + w + " count=3 <= position=3!\n", 3)));
+    int v = 9;
+    EXPECT_THAT(console([&] { EXPECT_EQ(ops->modify(c, INT_MAX, &v), -1); }),
+                FullyMatches(failed("modify", "warning: " + w + " count=3 <= position=2147483647!\n", INT_MAX)));
+
+    c->count = 5;
+    const std::string reset = "warning: " + w + " count=5 > real_" + w + "_size, please reset " + w + "->count!\n";
+    EXPECT_THAT(console([&] { EXPECT_EQ(ops->getNodeData(c, 3), nullptr); }),
+                FullyMatches(failed("getNodeData", reset, 3)));
+    if (K::fifo) {
+        EXPECT_EQ(value(ops->getNodeData(c, 4)), 3);
+    } else {
+        EXPECT_THAT(console([&] { EXPECT_EQ(ops->getNodeData(c, 4), nullptr); }),
+                    FullyMatches(failed("getNodeData", reset, 4)));
+    }
+    EXPECT_EQ(ops->getSize(c), 3);
+    c->count = INT_MAX;  // counts saturate rather than wrap
+    ASSERT_EQ(ops->insert(c, &v), 0);
+    EXPECT_EQ(ops->getCount(c), INT_MAX);
+    c->count = 0;  // and never go below 0
+    EXPECT_EQ(ops->remove(c), 0);
+    EXPECT_EQ(ops->getCount(c), 0);
+    ops->destroy(&c);
+    EXPECT_TRUE(g.live.empty());
+}
+
+template <class K>
+using Arrays = ContainerTest<K>;
+using ArrayKinds = ::testing::Types<ArrayQueue, ArrayStack>;
+TYPED_TEST_SUITE(Arrays, ArrayKinds);
+
+// A template without slots: create refuses it, init_list reports it and
+// leaves that entry empty with no slots, refusing every element.
+TYPED_TEST(Arrays, ContainersWithoutSlotsRefuseElements) {
+    using K = TypeParam;
+    auto* ops = K::ops();
+    const std::string w = K::word, elems = K::elems;
+    typename K::C templates[2] = {K::make(owning_callbacks<K>(), 0), K::make(owning_callbacks<K>(), 2)};
+    EXPECT_THAT(console([&] { EXPECT_EQ(ops->create(templates), nullptr); }),
+                FullyMatches(err<K>("create", "error: malloc array p" + w + " nodeMax:0 fail!\n")));
+    typename K::L list{};
+    const std::string no_slots = "error: malloc array " + elems + "[0].nodeMax:0 fail!\n";
+    EXPECT_THAT(console([&] { EXPECT_EQ(ops->init_list(&list, templates, 2), 0); }),
+                FullyMatches(err<K>("init_list", no_slots)));
+    EXPECT_THAT(qtest::read_file(this->log_), ::testing::EndsWith("] " + no_slots + "\n"));
+    typename K::C* bare = &K::array(list)[0];
+    typename K::C* other = &K::array(list)[1];
+    EXPECT_EQ(bare->pnode, nullptr);
+    EXPECT_EQ(bare->nodeMax, 0u);
+    EXPECT_EQ(ops->isEmpty(bare), UTIL_TRUE);
+    EXPECT_EQ(ops->isFull(bare), K::fifo ? UTIL_FALSE : UTIL_TRUE);
+    int v = 1;
+    const std::string name = K::name;
+    const std::string in = K::fifo ? "queueIn" : "pstackIn";
+    ASSERT_EQ(ops->insert(other, &v), 0);
+    EXPECT_THAT(console([&] { EXPECT_EQ(ops->insert(bare, &v) + ops->transfer(other, bare), -2); }),
+                FullyMatches(err<K>("insert", "error: " + name + " nodeMax:0 <=0!\n") +
+                             err<K>("transfer", "error: " + name + ", " + in + " nodeMax:0 <=0!\n")));
+    EXPECT_EQ(ops->remove(bare) + ops->getSize(bare) + ops->search(bare, &v) + ops->display(bare), 0);
+    EXPECT_EQ(ops->exit_list(&list), 0);
+    EXPECT_TRUE(g.live.empty());
+}
+
+// Of 8 slots the ring fills 7 and the stack all 8. Once the ring has wrapped
+// (head 6, tail 2) exactly the occupied slot indices 6, 7, 0 and 1 are valid
+// positions; the stack's positions count down from the newest element.
+TYPED_TEST(Arrays, CapacityAndPositions) {
+    using K = TypeParam;
+    auto* ops = K::ops();
+    typename K::C tmpl = K::make(owning_callbacks<K>(), 8);
+    typename K::C* c = ops->create(&tmpl);
+    int v = 1;
+    while (ops->insert(c, &v) == 0) ++v;
+    EXPECT_EQ(ops->getSize(c), K::fifo ? 7 : 8);
+    EXPECT_EQ(ops->getCount(c), 8);
+    EXPECT_EQ(ops->isFull(c), UTIL_TRUE);
+    std::vector<int> invalid = {8, -1, INT_MIN};
+    std::string where = "stack top=8";
+    std::vector<std::pair<int, int>> valid = {{0, 8}, {7, 1}};  // position, element
+    if constexpr (K::fifo) {
+        EXPECT_THAT(console([&] { EXPECT_EQ(ops->getNodeData(c, 7), nullptr); }),  // the slot kept free
+                    FullyMatches(err<K>("getNodeData", "error: outRange, queue head=0, tail=7, position=7!\n")));
+        for (int i = 0; i < 6; ++i) ASSERT_EQ(ops->remove(c), 0);
+        for (v = 8; v <= 10; ++v) ASSERT_EQ(ops->insert(c, &v), 0);
+        invalid.insert(invalid.end(), {2, 5});
+        where = "queue head=6, tail=2";
+        valid = {{6, 7}, {7, 8}, {0, 9}, {1, 10}};
+    }
+    for (auto [position, element] : valid) {
+        EXPECT_EQ(value(ops->getNodeData(c, position)), element);
+        EXPECT_EQ(ops->search(c, &element), position);  // in a ring, older elements can sit at higher slots
+    }
+    for (int position : invalid) {
+        const std::string at = where + ", position=" + std::to_string(position) + "!\n";
+        EXPECT_THAT(console([&] { EXPECT_EQ(ops->getNodeData(c, position), nullptr); }),
+                    FullyMatches(err<K>("getNodeData", "error: outRange, " + at)));
+        EXPECT_THAT(console([&] { EXPECT_EQ(ops->modify(c, position, &v), -1); }),
+                    FullyMatches(err<K>("modify", "error: " + at)));
+    }
+    ops->destroy(&c);
+    EXPECT_TRUE(g.live.empty());
+}
+
+}  // namespace
