@@ -223,20 +223,20 @@ UTIL_S32 Func_V2_init_list_h26x_frame_buf_info_function(util_list_h26x_frame_buf
     const UTIL_UCHAR* buf = phfbiList->frame_addr;
     const std::int64_t size = phfbiList->frame_size;
 
-    // First pass: the first eight units into a local array, all of them counted.
-    constexpr int kLocal = 8;
-    util_h26x_frame_buf_info_one_t local[kLocal] = {};
+    // First pass: every unit counted, the first kLocal of them remembered on
+    // the stack, so that a frame of up to kLocal units is read only once and
+    // the array is still allocated once, at its exact size, after counting.
+    constexpr int kLocal = 512;
+    std::uint32_t local_pos[kLocal];
+    UTIL_UCHAR local_nalu[kLocal];
     int total = 0;
-    std::int64_t last = 0;
     std::int64_t pos = 0;
     bool stopped = false;
     for (std::int64_t i; (i = find_start_code(buf, pos, size)) >= 0;) {
-        const UTIL_S32 nalu = buf[i + 4];
+        const UTIL_UCHAR nalu = buf[i + 4];
         if (total < kLocal) {
-            local[total].position = static_cast<UTIL_U64>(i);
-            if (total > 0) local[total - 1].length = static_cast<UTIL_U64>(i - last);
-            local[total].nalu = nalu;
-            last = i;
+            local_pos[total] = static_cast<std::uint32_t>(i);
+            local_nalu[total] = nalu;
         }
         ++total;
         pos = i + 4;
@@ -261,11 +261,16 @@ UTIL_S32 Func_V2_init_list_h26x_frame_buf_info_function(util_list_h26x_frame_buf
     }
     phfbiList->phfbi = units;
     phfbiList->hfbiMax = total;
-    std::memcpy(units, local, sizeof(local[0]) * static_cast<std::size_t>(total < kLocal ? total : kLocal));
+    const int remembered = total < kLocal ? total : kLocal;
+    for (int n = 0; n < remembered; ++n) {
+        units[n].position = local_pos[n];
+        units[n].nalu = local_nalu[n];
+        if (n > 0) units[n - 1].length = local_pos[n] - local_pos[n - 1];
+    }
 
-    // Second pass, only for frames of more than eight units: the rest.
+    // Second pass, only for frames of more units than were remembered.
     if (total > kLocal) {
-        last = static_cast<std::int64_t>(units[kLocal - 1].position);
+        std::int64_t last = local_pos[kLocal - 1];
         int n = kLocal;
         pos = last + 4;
         for (std::int64_t i; n < total && (i = find_start_code(buf, pos, size)) >= 0;) {

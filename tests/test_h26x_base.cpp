@@ -214,6 +214,31 @@ TEST(H26xV3, ChainWithTerminatorAndOwnershipAfterFailure) {
                              err_line("Func_V3_exit_link_h26x_frame_buf_info_function", "error: phfbiLink is NULL!")));
 }
 
+// Frames of more units than the first pass remembers are finished by a
+// second pass; both must give the reference's list.
+TEST(H26xV2, LongFramesAcrossTheSecondPass) {
+    std::mt19937 rng(3);
+    for (int units : {511, 512, 513, 1100}) {
+        Bytes f;
+        for (int u = 0; u < units; ++u) {
+            f.insert(f.end(), {0, 0, 0, 1, static_cast<std::uint8_t>(u == units - 1 ? 0x65 : 0x06)});
+            f.insert(f.end(), static_cast<size_t>(u == units - 1 ? 12 : rng() % 7), 0x55);
+        }
+        for (int all : {0, 1}) {
+            const RefScan want = reference_scan(f, all != 0, ref_picture_any);
+            ASSERT_TRUE(want.ok);
+            util_list_h26x_frame_buf_info_t rec{nullptr, 0, f.data(), static_cast<int>(f.size())};
+            ASSERT_EQ(h26x()->V2_init_list(&rec, all), 0);
+            ASSERT_EQ(rec.hfbiMax, units);
+            for (int u = 0; u < units; ++u) {
+                ASSERT_EQ((RefUnit{rec.phfbi[u].position, rec.phfbi[u].nalu, rec.phfbi[u].length}), want.units[u])
+                    << units << " units, unit " << u;
+            }
+            h26x()->V2_exit_list(&rec);
+        }
+    }
+}
+
 // Thousands of random frames through all three scanners, judged by the
 // plain reference scan.
 TEST(H26xScanners, AgreeWithThePlainScanOnRandomFrames) {
