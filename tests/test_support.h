@@ -4,6 +4,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -58,6 +59,14 @@ inline void write_file(const std::string& path, const std::string& content) {
 
 // The whole text matches an ECMAScript regular expression.
 MATCHER_P(FullyMatches, pattern, "") { return std::regex_match(std::string(arg), std::regex(std::string(pattern))); }
+
+// The wall clock's seconds as the library reads them (gettimeofday); time()
+// may lag it by a tick across a second boundary.
+inline time_t wall_seconds() {
+    struct timeval tv;
+    gettimeofday(&tv, nullptr);
+    return tv.tv_sec;
+}
 
 inline bool exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 

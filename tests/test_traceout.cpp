@@ -127,9 +127,9 @@ TEST_F(TraceTest, TimestampFormats) {
                     attr()->fclose_dbglog_fp();
                     std::remove(log.c_str());
                     attr()->set_extraInfo_attr(zone, dst, c.bits);
-                    const time_t before = time(nullptr);
+                    const time_t before = wall_seconds();
                     trace("msg\n");
-                    const time_t after = time(nullptr);
+                    const time_t after = wall_seconds();
                     line = read_file(log);
                     if (before == after) {
                         const time_t shifted = before - zone + dst * 3600;
