@@ -9,6 +9,7 @@
 #include "util_common_high_function.h"
 #include "util_dbgout_function.h"
 #include "util_function.h"
+#include "util_parameter_base_function.h"
 #include "util_queue_base_type.h"
 #include "util_queue_high_arrayList_function.h"
 #include "util_queue_high_linkedList_function.h"

@@ -1,0 +1,50 @@
+// The parameter registry's out-of-memory paths, driven by the allocation
+// countdown at every allocation a build makes.
+#include "../test_support.h"
+#include "util_alloc.h"
+
+namespace {
+
+struct FailAllocationsAfter {
+    explicit FailAllocationsAfter(long allowed) { quillane::g_alloc_failure_countdown = allowed; }
+    ~FailAllocationsAfter() { quillane::g_alloc_failure_countdown = -1; }
+};
+
+using ParameterOutOfMemory = qtest::DebugRecordTest;
+
+TEST_F(ParameterOutOfMemory, EveryFailedAllocationLeavesAnEmptyListAndNoLeak) {
+    const std::string log = use_log("param.log");
+    util_parameter_base_one_t a[2] = {{0, 0, 0, 1, nullptr, const_cast<char*>("t0"), "d", "n", nullptr, 0},
+                                      {0, 0, 0, 1, nullptr, const_cast<char*>("t1"), "d", "n", nullptr, 0}};
+    util_parameter_base_one_t b[1] = {{0, 0, 0, 1, nullptr, nullptr, "d", "n", nullptr, 0}};
+    util_parameter_class_t app[3] = {{"/a", a, 2, nullptr, 0, {}, 0, 0},
+                                     {"/b", b, 1, nullptr, 0, {}, 0, 0},
+                                     {"/c", nullptr, 0, nullptr, 0, {}, 0, 0}};
+    auto* reg = util_ops_pfun->parameter_base;
+    util_list_parameter_class_t list{};
+    // The class array, three parameter arrays (the empty one too) and two
+    // texts: exactly six allocations, each failing in turn.
+    for (long allowed = 0; allowed <= 6; ++allowed) {
+        ASSERT_EQ(reg->init_list(&list, app, 1), 0);  // a failed re-init must drop the old list too
+        qtest::write_file(log, "");
+        testing::internal::CaptureStderr();
+        FailAllocationsAfter guard(allowed);
+        if (allowed == 6) {
+            EXPECT_EQ(reg->init_list(&list, app, 3), 0);
+            EXPECT_STREQ(list.pclass[0].paraList[1].text, "t1");
+            EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+            break;
+        }
+        EXPECT_EQ(reg->init_list(&list, app, 3), -1) << allowed;
+        EXPECT_THAT(testing::internal::GetCapturedStderr(),
+                    qtest::FullyMatches(R"(DBG_ERR:util_parameter_base_function\.cpp )"
+                                        R"(Func_parameter_base_init_list_function\[\d{4}\] error: malloc failed!!!!!)"));
+        EXPECT_EQ(list.pclass, nullptr);
+        EXPECT_EQ(list.classMax, 0);
+        EXPECT_THAT(qtest::read_file(log), qtest::FullyMatches(R"([^\n]*free succeed, num;1\n[\s\S]*)"
+                                                               R"(\] error, malloc failed!!!\n)"));
+    }
+    EXPECT_EQ(reg->exit_list(&list), 0);
+}
+
+}  // namespace
