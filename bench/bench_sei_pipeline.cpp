@@ -60,9 +60,10 @@ void BM_quillane_pipeline(benchmark::State& state) {
     c.ntp_enable = UTIL_TRUE;
     c.max_fps_x100 = 2997;
     c.h26x_type = h265 ? ENUM_UTIL_H265_STREAM_TYPE : ENUM_UTIL_H264_STREAM_TYPE;
+    // Field widths 24, 24 and 7: a byte-aligned message, as cameras configure it.
     c.h264_cpb_removal_delay_length = 23;
     c.h264_dpb_output_delay_length = 23;
-    c.h264_time_offset_length = 23;
+    c.h264_time_offset_length = 6;
     util_list_h26x_sei_tim_t list{};
     util_ops_pfun->h26x_high_seiTimeCode->init_list(&list, &c, 1);
     util_h26x_sei_tim_t* ctx = &list.ph26xSeiTim[0];
@@ -145,7 +146,7 @@ void BM_gstreamer_sei(benchmark::State& state) {
             ct.minutes_value = 34;
             ct.hours_value = 12;
             ct.time_offset = 1;
-            pt.time_offset_length = 24;
+            pt.time_offset_length = 7;
             g_array_append_val(messages, msg);
             mem = gst_h264_create_sei_memory(4, messages);
         }

@@ -385,9 +385,7 @@ int pack_fields(UTIL_UCHAR* out, const Field* rows, int nrows) noexcept {
     int total = 0;
     for (int r = 0; r < nrows; ++r) {
         const int w = rows[r].width;
-        if (w == 0) continue;
-        const std::uint64_t v = w == 32 ? rows[r].value : (rows[r].value & ((1u << w) - 1u));
-        acc = (acc << w) | v;
+        acc = (acc << w) | (rows[r].value & ((std::uint64_t{1} << w) - 1));
         pending += w;
         total += w;
         while (pending >= 8) {
@@ -478,15 +476,16 @@ UTIL_S32 Func_h26x_high_sei_getDataFromSeiTiming(util_h26x_sei_tim_t* pstSei) no
     const int payload_size = (sum + 7) / 8;
     d[size_cell] = static_cast<UTIL_UCHAR>(payload_size);
     pstSei->data_len = payload_size + size_cell + 2;
-    // Bits past the last field stay zero, so a frame's bytes never depend on
-    // what the previous frame left in the buffer.
-    std::memset(d + size_cell + 1, 0, static_cast<std::size_t>(payload_size));
 
     int bits_written;
     if (narrow && total == sum) {
-        // Every field fits: pack them through a bit accumulator, a byte at a time.
+        // Every field fits: pack them through a bit accumulator, a byte at a
+        // time; this writes every payload byte, the last one's spare bits zero.
         bits_written = pack_fields(d + size_cell + 1, rows, nrows);
     } else {
+        // Bits past the last field stay zero, so a frame's bytes never depend
+        // on what the previous frame left in the buffer.
+        std::memset(d + size_cell + 1, 0, static_cast<std::size_t>(payload_size));
         PayloadWriter writer(d, size_cell + 1, pstSei->data_len);
         for (int r = 0; r < nrows; ++r) {
             const int cut_at = writer.put(rows[r]);
