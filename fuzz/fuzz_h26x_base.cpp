@@ -13,38 +13,22 @@
 #include <cstring>
 #include <vector>
 
+#include "fuzz_check.h"
 #include "util_function.h"
 
 namespace {
 
 constexpr std::size_t kControlBytes = 8;
 
-// The runner closes stderr to silence the library's diagnostics (libFuzzer
-// and the sanitizers keep a copy of it), so the broken invariant goes to stdout.
-[[noreturn]] void fail(const char* what, int line) {
-    std::fprintf(stdout, "fuzz_h26x_base.cpp:%d: invariant broken: %s\n", line, what);
-    std::fflush(stdout);
-    __builtin_trap();
-}
-
-#define CHECK(cond)                         \
-    do {                                    \
-        if (!(cond)) fail(#cond, __LINE__); \
-    } while (0)
-
 const util_ops_h26x_base_fun_t& ops() { return *util_ops_pfun->h26x_base; }
 
 // An exact-sized heap copy: the tail of the fuzz input would let a reader
 // wander into the control bytes unnoticed.
 struct HeapCopy {
+    fuzz::Block block;
     UTIL_UCHAR* p;
-    HeapCopy(const std::uint8_t* src, std::size_t n) : p(static_cast<UTIL_UCHAR*>(std::malloc(n))) {
-        if (p == nullptr) std::abort();
-        if (n > 0) std::memcpy(p, src, n);
-    }
-    ~HeapCopy() { std::free(p); }
-    HeapCopy(const HeapCopy&) = delete;
-    HeapCopy& operator=(const HeapCopy&) = delete;
+    HeapCopy(const std::uint8_t* src, std::size_t n)
+        : block(src, n, false), p(reinterpret_cast<UTIL_UCHAR*>(block.get())) {}
 };
 
 // ---- bit reader ----

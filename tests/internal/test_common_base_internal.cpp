@@ -6,6 +6,7 @@
 #include <regex>
 #include <string>
 
+#include "alloc_failure.h"
 #include "util_alloc.h"
 #include "util_common_base_internal.h"
 
@@ -13,11 +14,6 @@ using ::testing::internal::CaptureStderr;
 using ::testing::internal::GetCapturedStderr;
 
 namespace {
-
-struct FailAllocationsAfter {
-    explicit FailAllocationsAfter(long allowed) { quillane::g_alloc_failure_countdown = allowed; }
-    ~FailAllocationsAfter() { quillane::g_alloc_failure_countdown = -1; }
-};
 
 std::string without_prefix(const std::string& err) {
     static const std::regex prefix(R"(^DBG_ERR:util_common_base_function\.cpp Func_strList_malloc\[\d{4}\] )");

@@ -1,18 +1,13 @@
 // The containers' out-of-memory paths, driven by the allocation countdown,
 // and what each operation allocates.
 #include "../container_kinds.h"
+#include "alloc_failure.h"
 #include "util_alloc.h"
 
 using namespace ctest;
 using qtest::FullyMatches;
 
 namespace {
-
-// Fails every allocation after `allowed` more have succeeded, for one scope.
-struct FailAllocationsAfter {
-    explicit FailAllocationsAfter(long allowed) { quillane::g_alloc_failure_countdown = allowed; }
-    ~FailAllocationsAfter() { quillane::g_alloc_failure_countdown = -1; }
-};
 
 // Counts the allocations of one scope on the same countdown, started far away.
 struct CountAllocations : FailAllocationsAfter {

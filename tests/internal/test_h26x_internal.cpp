@@ -7,6 +7,7 @@
 #include <regex>
 #include <vector>
 
+#include "alloc_failure.h"
 #include "util_alloc.h"
 #include "util_h26x_base_internal.h"
 
@@ -52,12 +53,6 @@ TEST(StartCodeSearch, SameAnswerAsAByteByByteScan) {
                   static_cast<std::int64_t>(size) - 4);
     }
 }
-
-// Fails every allocation after `allowed` more have succeeded, for one scope.
-struct FailAllocationsAfter {
-    explicit FailAllocationsAfter(long allowed) { quillane::g_alloc_failure_countdown = allowed; }
-    ~FailAllocationsAfter() { quillane::g_alloc_failure_countdown = -1; }
-};
 
 std::vector<UTIL_UCHAR> ten_unit_frame() {
     std::vector<UTIL_UCHAR> f;

@@ -1,14 +1,10 @@
 // The parameter registry's out-of-memory paths, driven by the allocation
 // countdown at every allocation a build makes.
 #include "../test_support.h"
+#include "alloc_failure.h"
 #include "util_alloc.h"
 
 namespace {
-
-struct FailAllocationsAfter {
-    explicit FailAllocationsAfter(long allowed) { quillane::g_alloc_failure_countdown = allowed; }
-    ~FailAllocationsAfter() { quillane::g_alloc_failure_countdown = -1; }
-};
 
 using ParameterOutOfMemory = qtest::DebugRecordTest;
 

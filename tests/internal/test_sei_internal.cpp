@@ -2,7 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "util_alloc.h"
+#include "alloc_failure.h"
 #include "util_dbgout_internal.h"
 #include "util_h26x_high_seiTimeCode_internal.h"
 
@@ -21,11 +21,14 @@ TEST(SeiContextList, OutOfMemoryLeavesAnEmptyList) {
     dbg->enType = UTIL_DBGOUT_ENUM_TYPE_NOLOG;
     auto& ops = util_ops_h26x_high_seiTimeCode_fun;
     ASSERT_EQ(ops.init_list(&list, c, 1), 0);
-    quillane::g_alloc_failure_countdown = 0;
-    CaptureStderr();
-    const int rc = ops.init_list(&list, c, 3);
-    const std::string err = GetCapturedStderr();
-    quillane::g_alloc_failure_countdown = -1;
+    int rc;
+    std::string err;
+    {
+        FailAllocationsAfter guard(0);
+        CaptureStderr();
+        rc = ops.init_list(&list, c, 3);
+        err = GetCapturedStderr();
+    }
     EXPECT_EQ(rc, -1);
     EXPECT_THAT(err, ::testing::MatchesRegex("DBG_ERR:util_h26x_high_seiTimeCode_function.cpp "
                                              "Func_h26x_high_sei_timing_init_list_function.[0-9]+. "
