@@ -13,14 +13,12 @@
 #include "util_stack_high_arrayList_function.h"
 #include "util_h26x_base_function.h"
 #include "util_h26x_high_seiTimeCode_function.h"
+#include "util_net_function.h"
 #include "util_parameter_base_function.h"
 
 #ifdef __cplusplus
 extern "C" {
 #endif
-
-/* Modules whose tables are not published yet: their slots hold null. */
-typedef struct UTIL_OPERATION_STRUCT_LIB_FUNC_NETWORK_FUNCTION util_ops_net_fun_t;
 
 typedef struct UTIL_OPERATION_STRUCT_LIB_FUNC_QUILLANE_FUNCTION {
     const UTIL_CHAR* verInfo;

@@ -20,6 +20,8 @@
 #include "util_msg.h"
 
 void quillane::console_message(FILE* stream, const char* fmt, ...) noexcept {
+    // A diagnostic never changes errno: the caller may still want the reason.
+    const int saved_errno = errno;
     va_list ap;
     va_start(ap, fmt);
     flockfile(stream);
@@ -27,6 +29,7 @@ void quillane::console_message(FILE* stream, const char* fmt, ...) noexcept {
     fflush(stream);
     funlockfile(stream);
     va_end(ap);
+    errno = saved_errno;
 }
 
 namespace {

@@ -10,6 +10,7 @@
 #include "util_h26x_base_internal.h"
 #include "util_h26x_high_seiTimeCode_internal.h"
 #include "util_msg.h"
+#include "util_net_internal.h"
 #include "util_parameter_base_internal.h"
 #include "util_queue_high_arrayList_internal.h"
 #include "util_queue_high_linkedList_internal.h"
@@ -64,7 +65,7 @@ __attribute__((visibility("default"))) util_ops_quillane_fun_t util_ops_quillane
     &util_ops_stack_high_arrayList_fun,
     &util_ops_h26x_base_fun,
     &util_ops_h26x_high_seiTimeCode_fun,
-    nullptr,  // net
+    &util_ops_net_fun,
     &util_ops_parameter_base_fun,
 };
 

@@ -9,6 +9,7 @@
 #include "util_common_high_function.h"
 #include "util_dbgout_function.h"
 #include "util_function.h"
+#include "util_net_function.h"
 #include "util_parameter_base_function.h"
 #include "util_queue_base_type.h"
 #include "util_queue_high_arrayList_function.h"
@@ -45,6 +46,15 @@ int main(void)
             util_ops_pfun->stack_high_arrayList->getSize(st) != 1 ||
             util_ops_pfun->stack_high_arrayList->destroy(&st) != 0 || st != NULL)
             return 5;
+    }
+    {
+        NET_IPV4 v4;
+        util_net_config_t cfg;
+        v4.int32 = 0;
+        memset(&cfg, 0, sizeof cfg);
+        if (util_ops_pfun->net == NULL || util_ops_pfun->net->get_info == NULL || sizeof v4.str != 4 ||
+            sizeof cfg.mac != 6)
+            return 6;
     }
     printf("%s\n", util_ops_pfun->verInfo);
     return 0;

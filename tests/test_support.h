@@ -68,6 +68,18 @@ inline time_t wall_seconds() {
     return tv.tv_sec;
 }
 
+// A literal text as a regular expression that matches only itself.
+inline std::string regex_escape(const std::string& text) {
+    static const std::regex special(R"([.^$|()\[\]{}*+?\\])");
+    return std::regex_replace(text, special, R"(\$&)");
+}
+
+// The pattern of one console diagnostic of the network module, line number
+// left open.
+inline std::string net_error(const std::string& func, const std::string& text) {
+    return "DBG_ERR:util_net_function\\.cpp " + func + "\\[\\d{4}\\] " + regex_escape(text);
+}
+
 inline bool exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 
 inline util_dbgout_attr_fun_t* attr() { return util_ops_pfun->dbgout->pstDebugAttr; }
