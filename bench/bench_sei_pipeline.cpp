@@ -52,6 +52,18 @@ std::vector<Bytes> gop(bool h265) {
     return frames;
 }
 
+// One frame through the library, as an application drives it. Out of line so
+// that callgrind can count its instructions alone (--toggle-collect, see
+// bench/RESULTS.md): the collected total over its number of calls.
+__attribute__((noinline)) UTIL_S32 quillane_frame(util_h26x_sei_tim_t* ctx, const Bytes& f,
+                                                  UTIL_H26X_STREAM_TYPE_ENUM type) {
+    util_h26x_frame_buf_info_t units;
+    util_ops_pfun->h26x_base->V1_get_hfbi(&units, const_cast<UTIL_UCHAR*>(f.data()), static_cast<UTIL_S32>(f.size()),
+                                          type, 0);
+    util_ops_pfun->h26x_high_seiTimeCode->running(ctx, &units);
+    return util_ops_pfun->h26x_high_seiTimeCode->get_data(ctx);
+}
+
 void BM_quillane_pipeline(benchmark::State& state) {
     const bool h265 = state.range(0) == 265;
     const auto frames = gop(h265);
@@ -70,12 +82,7 @@ void BM_quillane_pipeline(benchmark::State& state) {
     const auto type = h265 ? ENUM_UTIL_H265_STREAM_TYPE : ENUM_UTIL_H264_STREAM_TYPE;
     std::size_t k = 0;
     for (auto _ : state) {
-        const Bytes& f = frames[k++ % frames.size()];
-        util_h26x_frame_buf_info_t units;
-        util_ops_pfun->h26x_base->V1_get_hfbi(&units, const_cast<UTIL_UCHAR*>(f.data()), static_cast<UTIL_S32>(f.size()),
-                                              type, 0);
-        util_ops_pfun->h26x_high_seiTimeCode->running(ctx, &units);
-        benchmark::DoNotOptimize(util_ops_pfun->h26x_high_seiTimeCode->get_data(ctx));
+        benchmark::DoNotOptimize(quillane_frame(ctx, frames[k++ % frames.size()], type));
     }
     util_ops_pfun->h26x_high_seiTimeCode->exit_list(&list);
 }

@@ -13,21 +13,9 @@
 #include "util_h26x_base_internal.h"
 #include "util_msg.h"
 
-static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "the start-code search reads lanes little-endian");
-
 namespace quillane {
 
 namespace {
-
-// 16 bytes, compiled to SSE2 on x86-64 and NEON on aarch64.
-typedef UTIL_UCHAR Bytes16 __attribute__((vector_size(16)));
-typedef signed char Mask16 __attribute__((vector_size(16)));
-
-inline Bytes16 load16(const UTIL_UCHAR* p) noexcept {
-    Bytes16 v;
-    std::memcpy(&v, p, sizeof v);
-    return v;
-}
 
 // Lanes j where byte j is 01 and byte j-1 is 00: the tail of any start code.
 inline Mask16 tail_mask(const UTIL_UCHAR* p) noexcept {
@@ -63,15 +51,11 @@ std::int64_t first_in_block(const UTIL_UCHAR* buf, std::int64_t base, Mask16 m) 
     return -1;
 }
 
-}  // namespace
-
-std::int64_t find_start_code(const UTIL_UCHAR* buf, std::int64_t from, std::int64_t size) noexcept {
-    // A start code at i needs i < size - 4; its 01 byte sits at j = i + 3,
-    // so j runs from from + 3 up to size - 2.
-    if (from < 0) from = 0;
-    std::int64_t j = from + 3;
-    const std::int64_t last_j = size - 2;
-    // Whole 64-byte stretches first, four blocks tested at once.
+// The search from the 01 byte's position j on, up to last_j: whole 64-byte
+// stretches, four blocks tested at once, then byte by byte. Kept out of line
+// so that a hit in the first block returns without its set-up.
+__attribute__((noinline)) std::int64_t find_from(const UTIL_UCHAR* buf, std::int64_t j,
+                                                 std::int64_t last_j) noexcept {
     while (j + 64 <= last_j + 1) {
         const UTIL_UCHAR* p = buf + j;
         const Mask16 m0 = tail_mask(p);
@@ -94,6 +78,29 @@ std::int64_t find_start_code(const UTIL_UCHAR* buf, std::int64_t from, std::int6
         if (buf[j] == 1 && zeros_before(buf, j)) return j - 3;
     }
     return -1;
+}
+
+}  // namespace
+
+std::int64_t find_start_code(const UTIL_UCHAR* buf, std::int64_t from, std::int64_t size) noexcept {
+    // A start code at i needs i < size - 4; its 01 byte sits at j = i + 3,
+    // so j runs from from + 3 up to size - 2.
+    if (from < 0) from = 0;
+    std::int64_t j = from + 3;
+    const std::int64_t last_j = size - 2;
+    // Delimiters and parameter sets are a few bytes long: one block alone
+    // first answers for them without setting up the wide stride.
+    if (j + 16 <= last_j + 1) {
+        const Mask16 m = tail_mask(buf + j);
+        std::uint64_t lo;
+        std::uint64_t hi;
+        if (any_lane(m, lo, hi)) {
+            const std::int64_t i = first_in_block(buf, j, m);
+            if (i >= 0) return i;
+        }
+        j += 16;
+    }
+    return find_from(buf, j, last_j);
 }
 
 }  // namespace quillane

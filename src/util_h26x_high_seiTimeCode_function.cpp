@@ -6,14 +6,18 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <bit>
 #include <cstdint>
 #include <cstring>
 #include <ctime>
 
 #include "util_alloc.h"
 #include "util_common_high_internal.h"
+#include "util_h26x_base_internal.h"
 #include "util_h26x_high_seiTimeCode_internal.h"
 #include "util_msg.h"
+
+using quillane::kSeiDataSize;
 
 namespace {
 
@@ -29,7 +33,6 @@ constexpr const char* kDriftMarker = "/dev/util_h26x_high_seiTimeCode";
 
 constexpr UTIL_S32 kH264 = ENUM_UTIL_H264_STREAM_TYPE;
 constexpr UTIL_S32 kH265 = ENUM_UTIL_H265_STREAM_TYPE;
-constexpr std::size_t kDataSize = sizeof(util_h26x_sei_tim_t::data);
 constexpr int kCheckPeriodSeconds = 1800;
 
 // The whole frame rate: 2997 counts as 30, 5994 as 60.
@@ -327,18 +330,14 @@ struct Field {
 };
 
 // Writes fields most significant bit first into data[first..len-1]; a field
-// that would run past the end is cut there.
+// that would run past the end is cut there. Only configurations with a field
+// wider than 32 bits come this way.
 class PayloadWriter {
 public:
     PayloadWriter(UTIL_UCHAR* data, int first, int len) noexcept : data_(data), first_(first), len_(len) {}
 
     // Returns the byte index at which the field was cut, or -1 when it fit.
     int put(Field f) noexcept {
-        const int last_byte = first_ + (bits_ + f.width - 1) / 8;
-        if (f.width <= 32 && (f.width == 0 || last_byte < len_)) {
-            put_fast(f.value, f.width);
-            return -1;
-        }
         for (int b = f.width - 1; b >= 0; --b) {
             const int index = first_ + bits_ / 8;
             if (index >= len_) {
@@ -355,119 +354,172 @@ public:
     int bits() const noexcept { return bits_; }
 
 private:
-    // Whole runs of bits per byte for a field known to fit.
-    void put_fast(UTIL_U32 value, int width) noexcept {
-        while (width > 0) {
-            const int room = 8 - bits_ % 8;
-            const int take = width < room ? width : room;
-            const unsigned chunk = static_cast<unsigned>(value >> (width - take)) & ((1u << take) - 1u);
-            const unsigned shift = static_cast<unsigned>(room - take);
-            const auto mask = static_cast<UTIL_UCHAR>(((1u << take) - 1u) << shift);
-            UTIL_UCHAR& byte = data_[first_ + bits_ / 8];
-            byte = static_cast<UTIL_UCHAR>((byte & ~mask) | (chunk << shift));
-            width -= take;
-            bits_ += take;
-        }
-    }
-
     UTIL_UCHAR* data_;
     int first_;
     int len_;
     int bits_ = 0;
 };
 
-// Writes the fields most significant bit first from the start of `out`, the
-// last byte's unused low bits zero; returns the number of bits written. The
-// caller has made sure they all fit and none is wider than 32 bits.
-int pack_fields(UTIL_UCHAR* out, const Field* rows, int nrows) noexcept {
-    std::uint64_t acc = 0;  // at most 7 + 32 pending bits
-    int pending = 0;
-    int total = 0;
-    for (int r = 0; r < nrows; ++r) {
-        const int w = rows[r].width;
-        acc = (acc << w) | (rows[r].value & ((std::uint64_t{1} << w) - 1));
-        pending += w;
-        total += w;
-        while (pending >= 8) {
-            pending -= 8;
-            *out++ = static_cast<UTIL_UCHAR>(acc >> pending);
-        }
-    }
-    if (pending > 0) *out = static_cast<UTIL_UCHAR>(acc << (8 - pending));
-    return total;
+inline void store_be32(UTIL_UCHAR* out, std::uint32_t v) noexcept {
+    if constexpr (std::endian::native == std::endian::little) v = __builtin_bswap32(v);
+    std::memcpy(out, &v, sizeof v);
 }
 
-constexpr UTIL_UCHAR kStartCode[4] = {0x00, 0x00, 0x00, 0x01};
+// Packs fields of at most 32 bits most significant bit first, four whole
+// bytes at a time: the fields of one message cost a few shifts each.
+class BitPacker {
+public:
+    explicit BitPacker(UTIL_UCHAR* out) noexcept : out_(out) {}
+
+    // `value` has no bits set at or above `width`.
+    void put(std::uint32_t value, int width) noexcept {
+        acc_ = (acc_ << width) | value;
+        pending_ += width;
+        if (pending_ >= 32) {
+            pending_ -= 32;
+            store_be32(out_, static_cast<std::uint32_t>(acc_ >> pending_));
+            out_ += 4;
+        }
+    }
+
+    // Fills the last byte with zero bits, appends `trailer` and writes out
+    // what is left; nothing past the trailer is touched.
+    void finish(UTIL_UCHAR trailer) noexcept {
+        const int pad = -pending_ & 7;
+        acc_ <<= pad;
+        pending_ += pad;
+        put(trailer, 8);
+        while (pending_ > 0) {
+            pending_ -= 8;
+            *out_++ = static_cast<UTIL_UCHAR>(acc_ >> pending_);
+        }
+    }
+
+private:
+    UTIL_UCHAR* out_;
+    std::uint64_t acc_ = 0;  // the low `pending_` bits are still to be written
+    int pending_ = 0;        // below 32 between calls
+};
+
+// The low `width` bits of `value` (width 0 to 32).
+inline std::uint32_t low_bits(std::uint32_t value, int width) noexcept {
+    return width >= 32 ? value : value & ((1u << width) - 1u);
+}
+
+// H.264 picture timing payload and trailing byte from data[7], for widths of
+// at most 32 bits: the two delays, pic_struct and, with a clock timestamp,
+// its fields and time_offset.
+void pack_h264(UTIL_UCHAR* d, const util_h264_sei_timing_t& t, int w_cpb, int w_dpb, int w_offset) noexcept {
+    BitPacker p(d + 7);
+    p.put(low_bits(t.cpb_removal_delay, w_cpb), w_cpb);
+    p.put(low_bits(t.dpb_output_delay, w_dpb), w_dpb);
+    if (t.clock_timestamp_flag != 0) {
+        // pic_struct, clock_timestamp_flag (1 here), ct_type ... n_frames: 24 bits.
+        p.put(static_cast<std::uint32_t>(t.pic_struct) << 20 | 1u << 19 | static_cast<std::uint32_t>(t.ct_type) << 17 |
+                  static_cast<std::uint32_t>(t.nuit_field_based_flag) << 16 |
+                  static_cast<std::uint32_t>(t.counting_type) << 11 |
+                  static_cast<std::uint32_t>(t.full_timestamp_flag) << 10 |
+                  static_cast<std::uint32_t>(t.discontinuity_flag) << 9 |
+                  static_cast<std::uint32_t>(t.cnt_dropped_flag) << 8 | t.n_frames,
+              24);
+        // seconds, minutes, hours: 17 bits.
+        p.put(static_cast<std::uint32_t>(t.seconds_value) << 11 | static_cast<std::uint32_t>(t.minutes_value) << 5 |
+                  t.hours_value,
+              17);
+        p.put(low_bits(t.time_offset, w_offset), w_offset);
+    } else {
+        p.put(static_cast<std::uint32_t>(t.pic_struct) << 1, 5);
+    }
+    p.finish(0x80);
+}
+
+// H.265 time code payload and trailing byte from data[8].
+void pack_h265(UTIL_UCHAR* d, const util_h265_sei_time_code_t& t) noexcept {
+    BitPacker p(d + 8);
+    p.put(static_cast<std::uint32_t>(t.num_clock_ts) << 1 | t.clock_timestamp_flag, 3);
+    if (t.clock_timestamp_flag != 0) {
+        p.put(static_cast<std::uint32_t>(t.nuits_field_based_flag) << 17 |
+                  static_cast<std::uint32_t>(t.counting_type) << 12 |
+                  static_cast<std::uint32_t>(t.full_timestamp_flag) << 11 |
+                  static_cast<std::uint32_t>(t.discontinuity_flag) << 10 | t.cnt_dropped_flag << 9 | t.n_frames,
+              18);
+        p.put(t.seconds_value << 16 | t.minutes_value << 10 | t.hours_value << 5 | t.time_offset_length, 22);
+        const int w_offset = static_cast<int>(t.time_offset_length);
+        p.put(low_bits(t.time_offset_value, w_offset), w_offset);
+    }
+    p.finish(0x80);
+}
+
+// The H.264 payload's fields one by one, for the bit-by-bit writer.
+int h264_rows(const util_h26x_sei_tim_t* pstSei, Field* rows) noexcept {
+    const util_h264_sei_timing_t& t = pstSei->h264_sei;
+    const util_h26x_sei_tim_config_param_t& c = pstSei->config_param;
+    int n = 0;
+    rows[n++] = {t.cpb_removal_delay, c.h264_cpb_removal_delay_length + 1};
+    rows[n++] = {t.dpb_output_delay, c.h264_dpb_output_delay_length + 1};
+    rows[n++] = {t.pic_struct, 4};
+    rows[n++] = {t.clock_timestamp_flag, 1};
+    if (t.clock_timestamp_flag != 0) {
+        rows[n++] = {t.ct_type, 2};
+        rows[n++] = {t.nuit_field_based_flag, 1};
+        rows[n++] = {t.counting_type, 5};
+        rows[n++] = {t.full_timestamp_flag, 1};
+        rows[n++] = {t.discontinuity_flag, 1};
+        rows[n++] = {t.cnt_dropped_flag, 1};
+        rows[n++] = {t.n_frames, 8};
+        rows[n++] = {t.seconds_value, 6};
+        rows[n++] = {t.minutes_value, 6};
+        rows[n++] = {t.hours_value, 5};
+        rows[n++] = {t.time_offset, c.h264_time_offset_length + 1};
+    }
+    return n;
+}
+
+// Start code and NAL unit header; the byte after the header (payloadSize for
+// H.264, payloadType for H.265) is part of the eight as well.
+constexpr UTIL_UCHAR kH264Head[8] = {0x00, 0x00, 0x00, 0x01, 0x06, ENUM_UTIL_H264_FRAME_SEI_PAYLOAD_TYPE_PIC_TIMING, 0, 0};
+constexpr UTIL_UCHAR kH265Head[8] = {
+    0x00, 0x00, 0x00, 0x01, 0x4E, 0x01, static_cast<UTIL_UCHAR>(ENUM_UTIL_H265_FRAME_PREFIX_SEI_PAYLOAD_TYPE_TIME_CODE), 0};
+
+// Bits of the message's fixed fields: H.264 pic_struct and clock_timestamp_flag,
+// then the rest of the clock timestamp without time_offset; H.265
+// num_clock_ts and clock_timestamp_flag, then the rest without time_offset_value.
+constexpr int kH264Head5 = 5;
+constexpr int kH264Clock = 36;
+constexpr int kH265Head3 = 3;
+constexpr int kH265Clock = 40;
 
 }  // namespace
 
 UTIL_S32 Func_h26x_high_sei_getDataFromSeiTiming(util_h26x_sei_tim_t* pstSei) noexcept {
-    if (!is_h264(pstSei) && !is_h265(pstSei)) {
+    const bool h264 = is_h264(pstSei);
+    if (!h264 && !is_h265(pstSei)) {
         return 0;
     }
-    Field rows[15];
-    int nrows = 0;
+    UTIL_UCHAR* d = pstSei->data;
+    const util_h26x_sei_tim_config_param_t& c = pstSei->config_param;
+    const int w_cpb = c.h264_cpb_removal_delay_length + 1;
+    const int w_dpb = c.h264_dpb_output_delay_length + 1;
+    const int w_offset = c.h264_time_offset_length + 1;
     int size_cell;  // offset of payloadSize
     bool clock;
-    UTIL_UCHAR* d = pstSei->data;
-    std::memcpy(d, kStartCode, sizeof kStartCode);
-    if (is_h264(pstSei)) {
-        const util_h264_sei_timing_t& t = pstSei->h264_sei;
-        const util_h26x_sei_tim_config_param_t& c = pstSei->config_param;
-        d[4] = 0x06;  // nal_ref_idc 0, SEI
-        d[5] = ENUM_UTIL_H264_FRAME_SEI_PAYLOAD_TYPE_PIC_TIMING;
+    int total;
+    if (h264) {
+        std::memcpy(d, kH264Head, sizeof kH264Head);
         size_cell = 6;
-        clock = t.clock_timestamp_flag != 0;
-        rows[nrows++] = {t.cpb_removal_delay, c.h264_cpb_removal_delay_length + 1};
-        rows[nrows++] = {t.dpb_output_delay, c.h264_dpb_output_delay_length + 1};
-        rows[nrows++] = {t.pic_struct, 4};
-        rows[nrows++] = {t.clock_timestamp_flag, 1};
-        if (clock) {
-            rows[nrows++] = {t.ct_type, 2};
-            rows[nrows++] = {t.nuit_field_based_flag, 1};
-            rows[nrows++] = {t.counting_type, 5};
-            rows[nrows++] = {t.full_timestamp_flag, 1};
-            rows[nrows++] = {t.discontinuity_flag, 1};
-            rows[nrows++] = {t.cnt_dropped_flag, 1};
-            rows[nrows++] = {t.n_frames, 8};
-            rows[nrows++] = {t.seconds_value, 6};
-            rows[nrows++] = {t.minutes_value, 6};
-            rows[nrows++] = {t.hours_value, 5};
-            rows[nrows++] = {t.time_offset, c.h264_time_offset_length + 1};
-        }
+        clock = pstSei->h264_sei.clock_timestamp_flag != 0;
+        total = w_cpb + w_dpb + kH264Head5 + (clock ? kH264Clock + w_offset : 0);
     } else {
         util_h265_sei_time_code_t& t = pstSei->h265_sei;
         t.time_offset_length = t.counting_type != 0 ? 21 : 0;
-        d[4] = 0x4E;  // prefix SEI, layer 0
-        d[5] = 0x01;  // temporal id 0
-        d[6] = static_cast<UTIL_UCHAR>(ENUM_UTIL_H265_FRAME_PREFIX_SEI_PAYLOAD_TYPE_TIME_CODE);
+        std::memcpy(d, kH265Head, sizeof kH265Head);
         size_cell = 7;
         clock = t.clock_timestamp_flag != 0;
-        rows[nrows++] = {t.num_clock_ts, 2};
-        rows[nrows++] = {t.clock_timestamp_flag, 1};
-        if (clock) {
-            rows[nrows++] = {t.nuits_field_based_flag, 1};
-            rows[nrows++] = {t.counting_type, 5};
-            rows[nrows++] = {t.full_timestamp_flag, 1};
-            rows[nrows++] = {t.discontinuity_flag, 1};
-            rows[nrows++] = {t.cnt_dropped_flag, 1};
-            rows[nrows++] = {t.n_frames, 9};
-            rows[nrows++] = {t.seconds_value, 6};
-            rows[nrows++] = {t.minutes_value, 6};
-            rows[nrows++] = {t.hours_value, 5};
-            rows[nrows++] = {t.time_offset_length, 5};
-            rows[nrows++] = {t.time_offset_value, static_cast<int>(t.time_offset_length)};
-        }
-    }
-    int total = 0;
-    bool narrow = true;
-    for (int r = 0; r < nrows; ++r) {
-        total += rows[r].width;
-        narrow = narrow && rows[r].width <= 32;
+        total = kH265Head3 + (clock ? kH265Clock + static_cast<int>(t.time_offset_length) : 0);
     }
     const int sum = total & 0xFF;  // the payloadSize cell is one byte
     if (clock && sum % 8 != 0) {
-        if (size_cell == 6) {
+        if (h264) {
             UTIL_TRACE("warning, not alin of 8, pstSei->data[6]=%d\n", sum);
         } else {
             UTIL_TRACE("warning, not alin of 8, pstSei->data[7]=%d\n", sum);
@@ -477,15 +529,18 @@ UTIL_S32 Func_h26x_high_sei_getDataFromSeiTiming(util_h26x_sei_tim_t* pstSei) no
     d[size_cell] = static_cast<UTIL_UCHAR>(payload_size);
     pstSei->data_len = payload_size + size_cell + 2;
 
-    int bits_written;
-    if (narrow && total == sum) {
-        // Every field fits: pack them through a bit accumulator, a byte at a
-        // time; this writes every payload byte, the last one's spare bits zero.
-        bits_written = pack_fields(d + size_cell + 1, rows, nrows);
+    int bits_written = total;
+    if (!h264) {
+        pack_h265(d, pstSei->h265_sei);
+    } else if (w_cpb <= 32 && w_dpb <= 32 && w_offset <= 32) {
+        // At most 137 bits: the payloadSize cell holds the whole count.
+        pack_h264(d, pstSei->h264_sei, w_cpb, w_dpb, w_offset);
     } else {
         // Bits past the last field stay zero, so a frame's bytes never depend
         // on what the previous frame left in the buffer.
         std::memset(d + size_cell + 1, 0, static_cast<std::size_t>(payload_size));
+        Field rows[15];
+        const int nrows = h264_rows(pstSei, rows);
         PayloadWriter writer(d, size_cell + 1, pstSei->data_len);
         for (int r = 0; r < nrows; ++r) {
             const int cut_at = writer.put(rows[r]);
@@ -494,12 +549,63 @@ UTIL_S32 Func_h26x_high_sei_getDataFromSeiTiming(util_h26x_sei_tim_t* pstSei) no
             }
         }
         bits_written = writer.bits();
+        d[pstSei->data_len - 1] = 0x80;  // rbsp stop bit
     }
     if (clock && (bits_written % 8 != 0 || bits_written != payload_size * 8)) {
         UTIL_TRACE("error, bits=%d\n", bits_written);
     }
-    d[pstSei->data_len - 1] = 0x80;  // rbsp stop bit
     return 0;
+}
+
+namespace {
+
+using quillane::load16;
+using quillane::Mask16;
+
+// Records k unless a 03 goes in front of the byte before it: that 03 breaks
+// the run of zeros in front of k.
+inline void add_point(int k, int& last, int* points, int& n) noexcept {
+    if (k != last + 1) points[n++] = last = k;
+}
+
+}  // namespace
+
+int quillane::sei_emulation_points(const UTIL_UCHAR* d, int len, int* points) noexcept {
+    // Byte k needs a 03 in front when it is 00 to 03 and bytes k-2 and k-1
+    // are 00. The start code's own zeros do not count, so k begins at 6.
+    // Sixteen candidates at a time: byte k beside the bytes one and two
+    // places before it, read as shifted blocks.
+    int n = 0;
+    int last = -2;
+    int k = 6;
+    for (; k < len && k + 16 <= kSeiDataSize; k += 16) {
+        const Mask16 hit =
+            ((load16(d + k) & 0xFC) == 0) & (load16(d + k - 1) == 0) & (load16(d + k - 2) == 0);
+        std::uint64_t half[2];
+        std::memcpy(half, &hit, sizeof half);
+        // Lanes at or past the end of the message do not count.
+        const int lanes = len - k;
+        if (lanes < 16) {
+            if (lanes <= 8) {
+                half[0] &= lanes == 8 ? ~std::uint64_t{0} : (std::uint64_t{1} << (8 * lanes)) - 1;
+                half[1] = 0;
+            } else {
+                half[1] &= (std::uint64_t{1} << (8 * (lanes - 8))) - 1;
+            }
+        }
+        for (int h = 0; h < 2; ++h) {
+            std::uint64_t bits = half[h] & 0x8080808080808080ull;  // one bit per lane
+            while (bits != 0) {
+                add_point(k + 8 * h + __builtin_ctzll(bits) / 8, last, points, n);
+                bits &= bits - 1;
+            }
+        }
+    }
+    // The last few bytes of a full buffer, where a block would reach past it.
+    for (; k < len; ++k) {
+        if (d[k] <= 3 && d[k - 1] == 0 && d[k - 2] == 0) add_point(k, last, points, n);
+    }
+    return n;
 }
 
 UTIL_S32 Func_h26x_high_sei_get_tim_buf_data(util_h26x_sei_tim_t* pstSei) noexcept {
@@ -508,40 +614,27 @@ UTIL_S32 Func_h26x_high_sei_get_tim_buf_data(util_h26x_sei_tim_t* pstSei) noexce
     }
     Func_h26x_high_sei_getDataFromSeiTiming(pstSei);
     // Emulation prevention over everything after the start code: no two zero
-    // bytes may be followed by 00, 01, 02 or 03 inside a NAL unit. Most
-    // messages need none, and are left where they are.
-    const int len = pstSei->data_len < static_cast<int>(kDataSize) ? pstSei->data_len : static_cast<int>(kDataSize);
-    int zeros = 0;
-    int first_escape = len;
-    for (int k = 4; k < len; ++k) {
-        const UTIL_UCHAR b = pstSei->data[k];
-        if (zeros >= 2 && b <= 3) {
-            first_escape = k;
-            break;
-        }
-        zeros = b == 0 ? zeros + 1 : 0;
-    }
-    if (first_escape == len) {
+    // bytes may be followed by 00, 01, 02 or 03 inside a NAL unit. The 03s go
+    // in from the back, so every byte moves once and only when it must.
+    const int len = pstSei->data_len < kSeiDataSize ? pstSei->data_len : kSeiDataSize;
+    int points[kSeiDataSize / 2];
+    const int count = quillane::sei_emulation_points(pstSei->data, len, points);
+    if (count == 0) {
         pstSei->data_len = len < 4 ? 4 : len;
         return pstSei->data_len;
     }
-    UTIL_UCHAR out[kDataSize];
-    std::memcpy(out, pstSei->data, static_cast<std::size_t>(first_escape));
-    std::size_t n = static_cast<std::size_t>(first_escape);
-    zeros = 2;
-    for (int k = first_escape; k < len; ++k) {
-        const UTIL_UCHAR b = pstSei->data[k];
-        if (zeros >= 2 && b <= 3) {
-            if (n >= kDataSize) return -1;
-            out[n++] = 0x03;
-            zeros = 0;
-        }
-        if (n >= kDataSize) return -1;
-        out[n++] = b;
-        zeros = b == 0 ? zeros + 1 : 0;
+    if (len + count > kSeiDataSize) {
+        return -1;
     }
-    std::memcpy(pstSei->data, out, n);
-    pstSei->data_len = static_cast<UTIL_S32>(n);
+    UTIL_UCHAR* d = pstSei->data;
+    int end = len;
+    for (int e = count - 1; e >= 0; --e) {
+        const int k = points[e];
+        std::memmove(d + k + e + 1, d + k, static_cast<std::size_t>(end - k));
+        d[k + e] = 0x03;
+        end = k;
+    }
+    pstSei->data_len = len + count;
     return pstSei->data_len;
 }
 

@@ -11,4 +11,16 @@ UTIL_S32 Func_h26x_high_sei_timing_get_ready_dropped_nframes_func(util_h26x_sei_
 UTIL_S32 Func_h26x_high_sei_get_tim_buf_data(util_h26x_sei_tim_t* pstSei) noexcept;
 UTIL_S32 Func_h26x_high_sei_getDataFromSeiTiming(util_h26x_sei_tim_t* pstSei) noexcept;
 
+namespace quillane {
+
+// Size of a context's SEI buffer.
+inline constexpr int kSeiDataSize = static_cast<int>(sizeof(util_h26x_sei_tim_t::data));
+
+// The indexes k of d[4..len-1], in order, in front of which emulation
+// prevention puts a 03; returns their number (at most kSeiDataSize / 2).
+// `d` is a whole kSeiDataSize-byte buffer: it is read in 16-byte blocks.
+int sei_emulation_points(const UTIL_UCHAR* d, int len, int* points) noexcept;
+
+}  // namespace quillane
+
 extern util_ops_h26x_high_seiTimeCode_fun_t util_ops_h26x_high_seiTimeCode_fun;
