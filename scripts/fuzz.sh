@@ -60,5 +60,6 @@ echo "=== fuzzing summary"
 [ ${#summary[@]} -gt 0 ] && printf '%s\n' "${summary[@]}"
 if [ ${#failed[@]} -gt 0 ]; then
     echo "crashed: ${failed[*]} (inputs in $artifacts)"
+    echo "once fixed, keep each input in fuzz/corpus/<name>/: the test suite replays it (fuzz_corpus_<name>)"
     exit 1
 fi
