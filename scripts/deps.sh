@@ -19,3 +19,6 @@ quillane_test_packages=(googletest libgtest-dev libgmock-dev ffmpeg libgstreamer
     gstreamer1.0-tools gstreamer1.0-plugins-base gstreamer1.0-plugins-bad gstreamer1.0-plugins-ugly iproute2)
 quillane_bench_packages=(libbenchmark-dev libglib2.0-dev gstreamer1.0-plugins-base gstreamer1.0-plugins-bad
     gstreamer1.0-plugins-ugly)
+# Cross-building for the camera (aarch64) and running the result under
+# user-mode emulation; GoogleTest is compiled from the googletest sources.
+quillane_cross_packages=(g++-aarch64-linux-gnu gcc-aarch64-linux-gnu libc6-dev-arm64-cross qemu-user googletest)
