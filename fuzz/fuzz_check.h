@@ -3,6 +3,8 @@
 // write one byte past what the library was given.
 #pragma once
 
+#include <unistd.h>
+
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
@@ -39,6 +41,28 @@ public:
 private:
     char* p_;
 };
+
+// One scratch file per process for targets that read files, removed at exit.
+inline const char* scratch_path() {
+    static char name[] = "/tmp/quillane_fuzz_XXXXXX";
+    static const bool made = [] {
+        const int fd = mkstemp(name);
+        if (fd < 0) std::abort();
+        close(fd);
+        std::atexit([] { std::remove(name); });
+        return true;
+    }();
+    (void)made;
+    return name;
+}
+
+// Replaces the scratch file's contents with n bytes.
+inline void write_scratch(const void* data, std::size_t n) {
+    FILE* fp = std::fopen(scratch_path(), "wb");
+    if (fp == nullptr) std::abort();
+    if (n > 0 && std::fwrite(data, 1, n, fp) != n) std::abort();
+    std::fclose(fp);
+}
 
 }  // namespace fuzz
 

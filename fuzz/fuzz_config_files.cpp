@@ -3,7 +3,6 @@
 // first-line and number readers. The first three bytes pick the list size,
 // the first-line buffer size and the length of the key to count; the rest is
 // the file. Output buffers are exactly sized heap blocks.
-#include <unistd.h>
 
 #include <cctype>
 #include <cstddef>
@@ -18,18 +17,6 @@
 
 namespace {
 
-const std::string& scratch() {
-    static const std::string path = [] {
-        char name[] = "/tmp/quillane_fuzz_conf_XXXXXX";
-        const int fd = mkstemp(name);
-        if (fd < 0) std::abort();
-        close(fd);
-        std::atexit([] { std::remove(scratch().c_str()); });
-        return std::string(name);
-    }();
-    return path;
-}
-
 bool trimmed_command(const char* s, std::size_t len) {
     if (len == 0 || s[0] == '#') return false;
     return std::isspace(static_cast<unsigned char>(s[0])) == 0 &&
@@ -40,20 +27,14 @@ bool trimmed_command(const char* s, std::size_t len) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     if (size < 3) return 0;
-    util_ops_pfun->dbgout->pstDebugAttr->get()->enType = UTIL_DBGOUT_ENUM_TYPE_NOLOG;
     const int mblock = data[0] % 17;
     const unsigned line_size = 1u + data[1] % 64;
     const std::size_t key_len = data[2] % 24;
     const std::uint8_t* text = data + 3;
     const std::size_t text_len = size - 3;
-    {
-        FILE* fp = std::fopen(scratch().c_str(), "wb");
-        if (fp == nullptr) std::abort();
-        if (text_len > 0 && std::fwrite(text, 1, text_len, fp) != text_len) std::abort();
-        std::fclose(fp);
-    }
+    fuzz::write_scratch(text, text_len);
     auto* high = util_ops_pfun->common_high;
-    std::string path = scratch();
+    std::string path = fuzz::scratch_path();
 
     util_string_list_t list = {nullptr, 0};
     const int read = high->readFileShellCmds_malloc(path.data(), &list, mblock);

@@ -4,7 +4,6 @@
 // rest is its text. Output buffers are exactly sized heap blocks, so a byte
 // written too many is reported.
 #include <arpa/inet.h>
-#include <unistd.h>
 
 #include <cctype>
 #include <cstddef>
@@ -20,27 +19,7 @@
 
 namespace {
 
-// One scratch file per process, removed at exit.
-const std::string& scratch() {
-    static const std::string path = [] {
-        char name[] = "/tmp/quillane_fuzz_net_XXXXXX";
-        const int fd = mkstemp(name);
-        if (fd < 0) std::abort();
-        close(fd);
-        std::atexit([] { std::remove(scratch().c_str()); });
-        return std::string(name);
-    }();
-    return path;
-}
-
-void write_scratch(const std::uint8_t* data, std::size_t size) {
-    FILE* fp = std::fopen(scratch().c_str(), "wb");
-    if (fp == nullptr) std::abort();
-    if (size > 0 && std::fwrite(data, 1, size, fp) != size) std::abort();
-    std::fclose(fp);
-}
-
-void point(char* buffer) { std::snprintf(buffer, quillane::net::kPathBufSize, "%s", scratch().c_str()); }
+void point(char* buffer) { std::snprintf(buffer, quillane::net::kPathBufSize, "%s", fuzz::scratch_path()); }
 
 void route_table() {
     util_ops_net_fun_t* net = util_ops_pfun->net;
@@ -82,8 +61,7 @@ void resolver() {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     if (size == 0) return 0;
-    util_ops_pfun->dbgout->pstDebugAttr->get()->enType = UTIL_DBGOUT_ENUM_TYPE_NOLOG;
-    write_scratch(data + 1, size - 1);
+    fuzz::write_scratch(data + 1, size - 1);
     if ((data[0] & 1) == 0) {
         point(quillane::net::procNetRoute_path);
         route_table();

@@ -11,14 +11,26 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 source "$root/scripts/deps.sh"
 quillane_ensure_packages "${quillane_build_packages[@]}" "${quillane_cross_packages[@]}" dpkg-dev file
 
+# The check installs and removes the packages: never over copies a person put there.
+if dpkg-query -W -f='${Status}' libquillaneutil1 2>/dev/null | grep -q 'install ok installed'; then
+    echo "libquillaneutil1 is installed on this machine; remove it first (dpkg -r quillaneutil-tools" \
+        "libquillaneutil-dev libquillaneutil1)" >&2
+    exit 1
+fi
+
+# Builds and packages one tree; the log is shown when a step fails.
 package() {
     local build=$1
     shift
     rm -rf "$build"
-    cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr \
-        -DQUILLANE_BUILD_TESTS=OFF -DQUILLANE_BUILD_EXAMPLES=OFF -DQUILLANE_BUILD_GST=OFF "$@" >/dev/null
-    cmake --build "$build" >/dev/null
-    (cd "$build" && cpack >/dev/null)
+    mkdir -p "$build"
+    local log=$build/package.log
+    if ! { cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr \
+        -DQUILLANE_BUILD_TESTS=OFF -DQUILLANE_BUILD_EXAMPLES=OFF -DQUILLANE_BUILD_GST=OFF "$@" &&
+        cmake --build "$build" && (cd "$build" && cpack); } >"$log" 2>&1; then
+        cat "$log" >&2
+        exit 1
+    fi
 }
 
 names=(libquillaneutil1 libquillaneutil-dev quillaneutil-tools)

@@ -95,17 +95,16 @@ Fail one_request(unsigned long request, struct ifreq& ifr) noexcept {
     return ioctl(fd.get(), request, &ifr) < 0 ? Fail::kSecond : Fail::kNone;
 }
 
-void address_text(const struct sockaddr& addr, UTIL_CHAR* out, UTIL_S32 outLen) noexcept {
-    struct sockaddr_in in;
-    std::memcpy(&in, &addr, sizeof in);
-    // A buffer too small for the text is not an error: inet_ntop leaves it as is.
-    inet_ntop(AF_INET, &in.sin_addr, out, static_cast<socklen_t>(clamp_length(outLen)));
-}
-
 in_addr_t address_of(const struct sockaddr& addr) noexcept {
     struct sockaddr_in in;
     std::memcpy(&in, &addr, sizeof in);
     return in.sin_addr.s_addr;
+}
+
+void address_text(const struct sockaddr& addr, UTIL_CHAR* out, UTIL_S32 outLen) noexcept {
+    const struct in_addr in = {address_of(addr)};
+    // A buffer too small for the text is not an error: inet_ntop leaves it as is.
+    inet_ntop(AF_INET, &in, out, static_cast<socklen_t>(clamp_length(outLen)));
 }
 
 // The readers of an address as text: the name is cut to 15 characters, and
@@ -464,9 +463,9 @@ UTIL_S32 Func_getIpaddrByDomainName_V2(const UTIL_CHAR* domain, UTIL_CHAR* ipadd
         UTIL_DBG_ERR("warning1: Func_getIpaddrByDomainName_V2: getaddrinfo: %s\n", gai_strerror(found));
         return -1;
     }
+    // Clear before every conversion: at the start, and after each failure.
     char text[kHostTextSize] = {};
     for (const struct addrinfo* entry = list.get(); entry != nullptr; entry = entry->ai_next) {
-        std::memset(text, 0, sizeof text);
         const int converted =
             getnameinfo(entry->ai_addr, entry->ai_addrlen, text, sizeof text, nullptr, 0, NI_NUMERICHOST);
         if (converted == 0) break;

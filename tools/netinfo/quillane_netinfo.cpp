@@ -59,13 +59,9 @@ int main(int argc, char** argv) {
                              " (no such interface, or no IPv4 address)\n", argv[1]);
         return 1;
     }
-    std::string dns = "none";
-    if (whole) {
-        dns = cfg.dns == 0 || cfg.dns == INADDR_NONE ? "none" : dotted(cfg.dns);
-    } else {
-        char name[80] = {};
-        if (net->get_dns_str(name) == 0 && name[0] != '\0') dns = name;
-    }
+    // Without a gateway get_info stops before the name server: ask for it alone.
+    const in_addr_t dns_addr = whole ? cfg.dns : net->get_dns();
+    const std::string dns = dns_addr == 0 || dns_addr == INADDR_NONE ? "none" : dotted(dns_addr);
     std::printf("interface    %s\n", argv[1]);
     std::printf("address      %s\n", dotted(cfg.ifaddr).c_str());
     std::printf("netmask      %s\n", dotted(cfg.netmask).c_str());
