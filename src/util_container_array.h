@@ -23,10 +23,12 @@ struct RingSlots {
         return c->tail >= c->head ? c->tail - c->head : c->nodeMax - c->head + c->tail;
     }
     static UTIL_U32 entry(const C* c) noexcept { return c->tail; }
-    static void entered(C* c) noexcept { c->tail = next(c, c->tail); }
+    static UTIL_U32 entry_after(const C* c) noexcept { return next(c, c->tail); }
+    static void enter(C* c, UTIL_U32 after) noexcept { c->tail = after; }
     // The oldest element's slot; the index moves on once it is handled.
     static UTIL_U32 leave_begin(const C* c) noexcept { return c->head; }
-    static void leave_end(C* c) noexcept { c->head = next(c, c->head); }
+    static UTIL_U32 leave_after(const C* c) noexcept { return next(c, c->head); }
+    static void leave_end(C* c, UTIL_U32 after) noexcept { c->head = after; }
     // The slot of the k-th element to leave (k < count).
     static UTIL_U32 slot_of_element(const C* c, UTIL_U32 k) noexcept {
         const UTIL_U32 before_wrap = c->nodeMax - c->head;
@@ -53,13 +55,13 @@ struct StackSlots {
     static bool full(const C* c) noexcept { return c->top == c->nodeMax; }
     static UTIL_U32 count(const C* c) noexcept { return c->top; }
     static UTIL_U32 entry(const C* c) noexcept { return c->top; }
-    static void entered(C* c) noexcept {
-        if (c->top < c->nodeMax) ++c->top;
-    }
+    static UTIL_U32 entry_after(const C* c) noexcept { return c->top < c->nodeMax ? c->top + 1 : c->top; }
+    static void enter(C* c, UTIL_U32 after) noexcept { c->top = after; }
     // `top` falls before the element is handled, so a transfer onto the same
     // stack hands over the same slot twice.
     static UTIL_U32 leave_begin(C* c) noexcept { return --c->top; }
-    static void leave_end(C*) noexcept {}
+    static UTIL_U32 leave_after(const C*) noexcept { return 0; }
+    static void leave_end(C*, UTIL_U32) noexcept {}
     static UTIL_U32 slot_of_element(const C* c, UTIL_U32 k) noexcept { return c->top - 1 - k; }
     static UTIL_S32 position_of_slot(const C* c, UTIL_U32 slot) noexcept {
         return static_cast<UTIL_S32>(c->top - slot - 1);
@@ -114,24 +116,33 @@ struct Array {
     static bool is_empty(const C* c) noexcept { return Slots::empty(c); }
     static bool is_full(const C* c) noexcept { return Slots::full(c); }
 
+    // insert, remove and transfer work out the index an element moves on to
+    // before its callback runs and store it after: the callback is the
+    // caller's code and could write anywhere, so an index worked out after
+    // it would cost reading the record again.
+
     // Without an insert callback the slot keeps whatever data it held.
     static Put insert(C* c, Data* pdata) noexcept {
         if (c->nodeMax == 0) return Put::zero_slots;
         if (Slots::full(c)) return Put::nothing;
-        Node* slot = &c->pnode[Slots::entry(c)];
-        if (c->fun.insertNodeData_callback != nullptr) {
+        const UTIL_U32 at = Slots::entry(c);
+        const UTIL_U32 after = Slots::entry_after(c);
+        if (auto fill = c->fun.insertNodeData_callback; fill != nullptr) {
+            Node* slot = &c->pnode[at];
             slot->data = nullptr;
-            c->fun.insertNodeData_callback(slot, pdata);
+            fill(slot, pdata);
         }
-        Slots::entered(c);
+        Slots::enter(c, after);
         return Put::done;
     }
 
     // The slot's data pointer stays; the slot merely counts as free again.
     static UTIL_S32 remove(C* c) noexcept {
         if (Slots::empty(c)) return 1;
-        release(c->fun, &c->pnode[Slots::leave_begin(c)]);
-        Slots::leave_end(c);
+        const UTIL_U32 at = Slots::leave_begin(c);
+        const UTIL_U32 after = Slots::leave_after(c);
+        release(c->fun, &c->pnode[at]);
+        Slots::leave_end(c, after);
         return 0;
     }
 
@@ -177,11 +188,13 @@ struct Array {
         if (Slots::empty(out)) return Put::nothing;
         if (in->nodeMax == 0) return Put::zero_slots;
         if (in != out && Slots::full(in)) return Put::nothing;
-        Node* from = &out->pnode[Slots::leave_begin(out)];
-        Node* to = &in->pnode[Slots::entry(in)];
-        if (auto move = transfer_callback(out->fun, in->fun); move != nullptr) move(from, to);
-        Slots::leave_end(out);
-        Slots::entered(in);
+        const UTIL_U32 from = Slots::leave_begin(out);
+        const UTIL_U32 from_after = Slots::leave_after(out);
+        const UTIL_U32 to = Slots::entry(in);
+        const UTIL_U32 to_after = Slots::entry_after(in);
+        if (auto move = transfer_callback(out->fun, in->fun); move != nullptr) move(&out->pnode[from], &in->pnode[to]);
+        Slots::leave_end(out, from_after);
+        Slots::enter(in, to_after);
         return Put::done;
     }
 
