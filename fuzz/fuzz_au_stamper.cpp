@@ -1,18 +1,18 @@
-// Fuzzes the access-unit stamping that the tool and the GStreamer element
-// share: arbitrary bytes split into access units and stamped one after the
-// other on one stream, as a pipeline would hand them over.
+// Fuzzes the stream stamping that the tool and the GStreamer element share:
+// arbitrary bytes cut into access units piece by piece, as the tool reads a
+// file, and stamped in display order on one stream.
 //
 // Input layout: one control byte (bit 0: H.265, bit 1: a fixed start time
-// code, bit 2: drift check, bits 3-7: the H.264 widths from the SPS or fixed
-// ones), then the stream. Each access unit is stamped from a heap block of
-// exactly its size, so AddressSanitizer reports any read past it.
+// code, bit 2: drift check, bits 3-7: the size of the pieces fed to the
+// splitter), then the stream. Each access unit is pushed from a heap block
+// of exactly its size, so AddressSanitizer reports any read past it.
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <vector>
 
 #include "annexb.h"
-#include "au_stamper.h"
+#include "stream_stamper.h"
 #include "util_function.h"
 
 // stderr is closed by the runner; a broken invariant says which on stdout.
@@ -31,36 +31,55 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (size < 1) return 0;
     const std::uint8_t control = data[0];
     const std::span<const std::uint8_t> stream(data + 1, size - 1);
+    const tcstamp::Codec codec = (control & 1) != 0 ? tcstamp::Codec::h265 : tcstamp::Codec::h264;
 
-    tcstamp::StamperConfig config;
-    config.codec = (control & 1) != 0 ? tcstamp::Codec::h265 : tcstamp::Codec::h264;
-    config.fps_x100 = 2997;
-    if ((control & 2) != 0) config.start = tcstamp::TimeCode{23, 59, 59, 28};
-    config.drift_check = (control & 4) != 0;
-    config.frames_before_first_check = 3;
-    if ((control >> 3) != 0) {
-        config.cpb_removal_delay_length = control >> 3;
-        config.dpb_output_delay_length = 31 - (control >> 3);
-        config.time_offset_length = (control >> 3) / 2;
-    }
-    tcstamp::AccessUnitStamper stamper;
-    CHECK(stamper.start(config));
+    tcstamp::StreamOptions options;
+    options.codec = codec;
+    options.fps_x100 = 2997;
+    if ((control & 2) != 0) options.start = tcstamp::TimeCode{23, 59, 59, 28};
+    options.drift_check = (control & 4) != 0;
+    options.frames_before_first_check = 3;
+    tcstamp::StreamStamper stamper(options);
 
-    const std::vector<tcstamp::Nal> nals = tcstamp::split_nal_units(stream, config.codec);
-    for (const tcstamp::AccessUnit& a : tcstamp::group_access_units(nals, config.codec)) {
-        const std::size_t begin = nals[a.begin].sc_begin;
-        const std::size_t end = a.end < nals.size() ? nals[a.end].sc_begin : stream.size();
-        const std::vector<std::uint8_t> au(stream.begin() + static_cast<std::ptrdiff_t>(begin),
-                                           stream.begin() + static_cast<std::ptrdiff_t>(end));
-        const tcstamp::StampPlan plan = stamper.stamp(au);
-        if (!plan.picture) continue;
-        // The unit goes in front of a start code, and is a whole SEI unit.
-        CHECK(plan.insert_at + 3 < au.size());
-        CHECK(au[plan.insert_at] == 0 && au[plan.insert_at + 1] == 0);
-        CHECK(plan.sei.size() >= 10 && plan.sei.size() <= 64);
-        CHECK(plan.sei[0] == 0 && plan.sei[1] == 0 && plan.sei[2] == 0 && plan.sei[3] == 1);
-        CHECK(plan.sei.back() == 0x80);
-        CHECK(stamper.time_code_text().size() == 11);
+    const std::size_t piece = (control >> 3) + 1u;
+    tcstamp::AccessUnitSplitter splitter(codec);
+    std::vector<std::vector<std::uint8_t>> pushed;
+    bool ok = true;
+    const auto take = [&] {
+        while (ok) {
+            const std::optional<std::span<const std::uint8_t>> au = splitter.next();
+            if (!au) break;
+            pushed.emplace_back(au->begin(), au->end());
+            const std::vector<std::uint8_t> exact(au->begin(), au->end());
+            ok = stamper.push(exact, pushed.size() - 1);
+        }
+    };
+    for (std::size_t at = 0; at < stream.size(); at += piece) {
+        splitter.feed(stream.subspan(at, std::min(piece, stream.size() - at)));
+        take();
     }
+    splitter.finish();
+    take();
+    if (ok) ok = stamper.finish();
+    CHECK(ok || !stamper.error().empty());
+
+    // Units come out in the order they went in; those passed through are
+    // unchanged, stamped ones carry one more SEI unit.
+    std::size_t expected = 0;
+    std::size_t total = 0;
+    while (std::optional<tcstamp::StampedUnit> u = stamper.pop()) {
+        CHECK(u->tag == expected);
+        const std::vector<std::uint8_t>& in = pushed[expected++];
+        total += in.size();
+        if (!u->stamped) {
+            CHECK(u->bytes == in);
+            continue;
+        }
+        CHECK(u->bytes.size() >= 10);
+        CHECK(tcstamp::time_code_text(u->label, u->drop_frame).size() == 11);
+    }
+    if (ok) CHECK(expected == pushed.size());
+    // The splitter loses no byte.
+    if (ok) CHECK(total == stream.size());
     return 0;
 }

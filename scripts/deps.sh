@@ -16,7 +16,8 @@ quillane_ensure_packages() {
 
 quillane_build_packages=(cmake ninja-build g++ gcc pkg-config binutils libgstreamer1.0-dev)
 quillane_test_packages=(googletest libgtest-dev libgmock-dev ffmpeg libgstreamer-plugins-bad1.0-dev
-    gstreamer1.0-tools gstreamer1.0-plugins-base gstreamer1.0-plugins-bad gstreamer1.0-plugins-ugly iproute2)
+    gstreamer1.0-tools gstreamer1.0-plugins-base gstreamer1.0-plugins-bad gstreamer1.0-plugins-ugly gstreamer1.0-libav
+    libgstreamer-plugins-base1.0-dev iproute2)
 quillane_bench_packages=(libbenchmark-dev libglib2.0-dev gstreamer1.0-plugins-base gstreamer1.0-plugins-bad
     gstreamer1.0-plugins-ugly)
 # Cross-building for the camera (aarch64) and running the result under

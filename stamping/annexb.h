@@ -1,13 +1,11 @@
 // Annex B byte streams as the tool sees them: NAL units with three- or
-// four-byte start codes, grouped into access units, and the few H.264
-// sequence parameters the picture timing message depends on.
+// four-byte start codes, grouped into access units.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <span>
-#include <string>
 #include <vector>
 
 namespace tcstamp {
@@ -36,18 +34,29 @@ struct AccessUnit {
 };
 std::vector<AccessUnit> group_access_units(const std::vector<Nal>& nals, Codec codec);
 
-// Guesses the codec from the first NAL unit's header.
-Codec guess_codec(std::span<const std::uint8_t> stream, const std::vector<Nal>& nals);
+// The codec that a unit's header shows beyond doubt, if any does.
+std::optional<Codec> codec_of(std::span<const std::uint8_t> stream, const std::vector<Nal>& nals);
 
-// The buffering-delay field widths of an H.264 SPS, as the picture timing
-// message must use them.
-struct HrdLengths {
-    int cpb_removal_delay_length_minus1 = 23;
-    int dpb_output_delay_length_minus1 = 23;
-    int time_offset_length = 24;
-    bool hrd_present = false;
-    bool pic_struct_present = false;
+// Cuts a byte stream that arrives in pieces into access units, holding no
+// more than the access unit under way and the piece last fed.
+class AccessUnitSplitter {
+public:
+    explicit AccessUnitSplitter(Codec codec) : codec_(codec) {}
+    // Appends bytes; access units handed out by next() are invalid after it.
+    void feed(std::span<const std::uint8_t> bytes);
+    // No more bytes will come: the rest is the last access unit.
+    void finish() { at_end_ = true; }
+    // The next whole access unit, with any bytes before the stream's first
+    // start code; nothing until more bytes (or the end) arrive.
+    std::optional<std::span<const std::uint8_t>> next();
+
+private:
+    Codec codec_;
+    std::vector<std::uint8_t> buf_;
+    std::size_t au_begin_ = 0;  // where the access unit under way begins
+    std::size_t scan_ = 0;      // where the search for the next start code resumes
+    bool has_picture_ = false;
+    bool at_end_ = false;
 };
-std::optional<HrdLengths> parse_h264_sps_hrd(std::span<const std::uint8_t> nal);
 
 }  // namespace tcstamp

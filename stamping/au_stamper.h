@@ -1,8 +1,9 @@
-// Stamps access units, one at a time, with the library's time-code SEI:
-// finds where the SEI unit goes (before the first slice, after any access
-// unit delimiter, parameter sets and other SEI), lists the frame's units for
-// the library, advances the stream's time code and builds the SEI unit.
-// Shared by the command-line tool and the GStreamer element.
+// Drives the library's per-frame pipeline for one stream, one picture at a
+// time: lists the picture's units for the random-access test, advances the
+// stream's time code (`running`) and builds the SEI unit (`get_data`).
+// The stream stamper calls it in display order and patches the context's
+// time-code record between the two steps with what the stream itself says
+// (pic_struct, ct_type, delays).
 #pragma once
 
 #include <cstddef>
@@ -22,29 +23,18 @@ struct TimeCode {
     int minutes = 0;
     int seconds = 0;
     int frames = 0;
+    bool operator==(const TimeCode&) const = default;
 };
 
 // "HH:MM:SS:FF" or "HH:MM:SS;FF"; nothing when malformed or out of range.
-std::optional<TimeCode> parse_time_code(const std::string& text);
+// `drop_frame`, when given, receives whether ';' was used.
+std::optional<TimeCode> parse_time_code(const std::string& text, bool* drop_frame = nullptr);
 
 struct StamperConfig {
     Codec codec = Codec::h264;
     int fps_x100 = 2500;
-    // H.264 field widths (minus one, as the SPS codes them; the time offset
-    // as its width minus one); each taken from the stream's SPS when absent.
-    std::optional<int> cpb_removal_delay_length;
-    std::optional<int> dpb_output_delay_length;
-    std::optional<int> time_offset_length;
     bool drift_check = false;
     std::uint64_t frames_before_first_check = 0;
-    // A fixed time code for the first frame instead of the local clock.
-    std::optional<TimeCode> start;
-};
-
-struct StampPlan {
-    bool picture = false;           // false: no picture unit, pass the unit through
-    std::size_t insert_at = 0;      // offset in the access unit where the SEI unit goes
-    std::span<const std::uint8_t> sei;  // the SEI unit, start code included
 };
 
 class AccessUnitStamper {
@@ -58,28 +48,26 @@ public:
     bool start(const StamperConfig& config);
     bool started() const { return list_.ph26xSeiTim != nullptr; }
 
-    // Runs one access unit through the per-frame pipeline. The returned SEI
-    // bytes stay valid until the next call.
-    StampPlan stamp(std::span<const std::uint8_t> au);
+    // Advances the time code to one picture: `nals` are the units of its
+    // access unit `au`, `picture` the index of its first slice. With a
+    // label, the picture gets that label and counting goes on from it.
+    void count(std::span<const std::uint8_t> au, const std::vector<Nal>& nals, std::size_t picture,
+               const std::optional<TimeCode>& label);
+    // Whether the time code is counting (synchronised with the clock or
+    // started from a label).
+    bool counting() const { return started() && list_.ph26xSeiTim[0].init_flag == 1; }
+    // The SEI unit of the last counted picture, start code included; valid
+    // until the next call.
+    std::span<const std::uint8_t> build();
 
-    // The time code of the last stamped frame, "HH:MM:SS:FF" (";" before the
-    // frame count when counting drops frames).
-    std::string time_code_text() const;
+    util_h26x_sei_tim_t& context() { return list_.ph26xSeiTim[0]; }
     const util_h26x_sei_tim_t& context() const { return list_.ph26xSeiTim[0]; }
-
-    // Set once an H.264 SPS was seen that lacks what decoders need to read
-    // picture timing (HRD parameters, pic_struct); empty otherwise.
-    const std::string& stream_warning() const { return warning_; }
+    TimeCode label() const;
+    bool drop_frame() const;
 
 private:
-    void learn_from_sps(std::span<const std::uint8_t> sps);
-    void fill_units(std::span<const std::uint8_t> au, std::size_t picture, util_h26x_frame_buf_info_t& units) const;
-
     StamperConfig config_;
     util_list_h26x_sei_tim_t list_{};
-    std::vector<Nal> nals_;
-    std::vector<std::uint8_t> last_sps_;  // encoders repeat the SPS at every key frame
-    std::string warning_;
 };
 
 }  // namespace tcstamp

@@ -1,20 +1,22 @@
-// quillane-tcstamp: stamps every frame of an H.264 or H.265 Annex B stream
-// with a time-code SEI message, through the library's per-frame pipeline
-// (scan the frame, advance the time code, build the SEI unit).
+// quillane-tcstamp: stamps every picture of an H.264 or H.265 Annex B
+// stream with a time-code SEI message, through the library's per-frame
+// pipeline, in presentation order. Streams it cannot stamp right are
+// refused with the reason; nothing is left behind then.
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <iterator>
+#include <map>
+#include <new>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "annexb.h"
-#include "au_stamper.h"
+#include "stream_stamper.h"
 #include "util_function.h"
 
 using tcstamp::Codec;
@@ -24,34 +26,45 @@ namespace {
 const char* kUsage =
     "usage: quillane-tcstamp IN OUT [options]\n"
     "\n"
-    "Stamps every frame of the H.264 or H.265 Annex B stream IN with a clock\n"
+    "Stamps every picture of the H.264 or H.265 Annex B stream IN with a clock\n"
     "time code (H.264 picture timing SEI, H.265 time code SEI) and writes OUT.\n"
+    "IN and OUT may be - for standard input and output. Each picture gets the\n"
+    "time of its place in presentation order; an existing picture timing or\n"
+    "time code message is replaced, everything else is kept as it was.\n"
+    "\n"
+    "The frame rate comes from the stream's SPS (VUI timing information).\n"
+    "Pictures shown before the first random-access picture (a stream cut inside\n"
+    "a group of pictures) are passed through without a time code. H.264 streams\n"
+    "need HRD parameters and pic_struct in their SPS (x264: --nal-hrd vbr\n"
+    "--pic-struct); streams that cannot be stamped right are refused.\n"
     "\n"
     "options:\n"
-    "  --fps N              frame rate x 100 (2500, 2997, 3000, 5994, ...); default 2500\n"
+    "  --fps N              frame rate x 100 (2500, 2997, 3000, 5994, ...) for streams\n"
+    "                       without timing information; must agree with the stream's own\n"
     "                       2997 and 5994 count drop-frame time code\n"
-    "  --codec h264|h265    stream type; guessed from the stream when absent\n"
-    "  --hrd-lengths C,D,T  H.264: cpb_removal_delay_length_minus1, dpb_output_delay_length_minus1\n"
-    "                       and time offset width minus one; read from the SPS when absent\n"
-    "  --start HH:MM:SS:FF  time code of the first frame; the local clock when absent\n"
-    "  --list               print every frame's time code\n"
+    "  --codec h264|h265    the codec the stream must be; detected when absent\n"
+    "  --start HH:MM:SS:FF  time code of the first stamped picture (';' before FF for\n"
+    "                       drop-frame rates); the local clock when absent\n"
+    "  --list               print every stamped picture's time code, in presentation order\n"
     "  --trace FILE         write the library's trace output to FILE\n"
-    "  --help               this text\n";
+    "  --help               this text\n"
+    "\n"
+    "exit status: 0 stamped, 1 the input could not be read or stamped, 2 usage error\n";
 
 struct Options {
     std::string in;
     std::string out;
-    int fps_x100 = 2500;
+    std::optional<int> fps_x100;
     std::optional<Codec> codec;
-    std::optional<int> hrd[3];
     std::optional<tcstamp::TimeCode> start;
+    bool start_drop_frame = false;
     bool list = false;
     std::string trace;
 };
 
-[[noreturn]] void die(const std::string& msg) {
+[[noreturn]] void usage_error(const std::string& msg) {
     std::fprintf(stderr, "quillane-tcstamp: %s\n", msg.c_str());
-    std::exit(1);
+    std::exit(2);
 }
 
 bool parse_int(const std::string& s, int& v, int lo, int hi) {
@@ -69,14 +82,16 @@ Options parse_args(int argc, char** argv) {
     for (int i = 1; i < argc; ++i) {
         const std::string a = argv[i];
         auto value = [&]() -> std::string {
-            if (i + 1 >= argc) die("option " + a + " needs a value (see --help)");
+            if (i + 1 >= argc) usage_error("option " + a + " needs a value (see --help)");
             return argv[++i];
         };
         if (a == "--help" || a == "-h") {
             std::fputs(kUsage, stdout);
             std::exit(0);
         } else if (a == "--fps") {
-            if (!parse_int(value(), o.fps_x100, 100, 100000)) die("--fps takes the frame rate x 100, e.g. 2997");
+            int fps = 0;
+            if (!parse_int(value(), fps, 100, 51100)) usage_error("--fps takes the frame rate x 100, e.g. 2997");
+            o.fps_x100 = fps;
         } else if (a == "--codec") {
             const std::string c = value();
             if (c == "h264") {
@@ -84,127 +99,206 @@ Options parse_args(int argc, char** argv) {
             } else if (c == "h265") {
                 o.codec = Codec::h265;
             } else {
-                die("--codec takes h264 or h265");
+                usage_error("--codec takes h264 or h265");
             }
-        } else if (a == "--hrd-lengths") {
-            const std::string v = value();
-            int n[3];
-            const auto p1 = v.find(',');
-            const auto p2 = p1 == std::string::npos ? p1 : v.find(',', p1 + 1);
-            if (p2 == std::string::npos || !parse_int(v.substr(0, p1), n[0], 0, 31) ||
-                !parse_int(v.substr(p1 + 1, p2 - p1 - 1), n[1], 0, 31) || !parse_int(v.substr(p2 + 1), n[2], 0, 31)) {
-                die("--hrd-lengths takes three numbers from 0 to 31, e.g. 23,23,23");
-            }
-            for (int k = 0; k < 3; ++k) o.hrd[k] = n[k];
         } else if (a == "--start") {
-            o.start = tcstamp::parse_time_code(value());
-            if (!o.start) die("--start takes HH:MM:SS:FF (or HH:MM:SS;FF)");
+            o.start = tcstamp::parse_time_code(value(), &o.start_drop_frame);
+            if (!o.start) usage_error("--start takes HH:MM:SS:FF (or HH:MM:SS;FF)");
         } else if (a == "--list") {
             o.list = true;
         } else if (a == "--trace") {
             o.trace = value();
         } else if (!a.empty() && a[0] == '-' && a != "-") {
-            die("unknown option " + a + " (see --help)");
+            usage_error("unknown option " + a + " (see --help)");
         } else {
             positional.push_back(a);
         }
     }
-    if (positional.size() != 2) die("expects IN and OUT (see --help)");
+    if (positional.size() != 2) usage_error("expects IN and OUT (see --help)");
     o.in = positional[0];
     o.out = positional[1];
+    if (o.list && o.out == "-") usage_error("--list prints to standard output, which OUT - already takes");
     return o;
 }
 
-std::vector<std::uint8_t> read_all(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) die("cannot read " + path + ": " + std::strerror(errno));
-    std::vector<std::uint8_t> data((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    if (in.bad()) die("cannot read " + path);
-    return data;
-}
-
-struct OutFile {
-    FILE* fp;
-    ~OutFile() {
-        if (fp != nullptr) std::fclose(fp);
+// The output: a file that is removed again when stamping fails, or
+// standard output.
+class Output {
+public:
+    explicit Output(const std::string& path) : path_(path) {}
+    ~Output() {
+        if (fp_ != nullptr && fp_ != stdout) std::fclose(fp_);
+    }
+    bool open() {
+        if (path_ == "-") {
+            fp_ = stdout;
+        } else {
+            struct stat st{};
+            // Only a regular file we made or truncated is ours to remove.
+            removable_ = ::stat(path_.c_str(), &st) != 0 || S_ISREG(st.st_mode);
+            fp_ = std::fopen(path_.c_str(), "wb");
+        }
+        if (fp_ != nullptr) std::setvbuf(fp_, nullptr, _IOFBF, 1 << 20);
+        return fp_ != nullptr;
     }
     void write(std::span<const std::uint8_t> bytes) {
-        if (!bytes.empty()) std::fwrite(bytes.data(), 1, bytes.size(), fp);
+        if (!bytes.empty() && std::fwrite(bytes.data(), 1, bytes.size(), fp_) != bytes.size()) failed_ = true;
     }
+    bool close() {
+        const bool ok = !failed_ && std::fflush(fp_) == 0 && std::ferror(fp_) == 0;
+        const bool closed = fp_ == stdout || std::fclose(fp_) == 0;
+        fp_ = nullptr;
+        return ok && closed;
+    }
+    void discard() {
+        if (fp_ != nullptr && fp_ != stdout) std::fclose(fp_);
+        fp_ = nullptr;
+        if (removable_) std::remove(path_.c_str());
+    }
+
+private:
+    std::string path_;
+    FILE* fp_ = nullptr;
+    bool failed_ = false;
+    bool removable_ = false;
 };
+
+class Tool {
+public:
+    explicit Tool(const Options& o) : opt_(o), out_(o.out) {}
+    int run();
+
+private:
+    [[noreturn]] void fail(const std::string& msg) {
+        out_.discard();
+        std::fprintf(stderr, "quillane-tcstamp: %s\n", msg.c_str());
+        std::exit(1);
+    }
+    void emit(tcstamp::StreamStamper& stamper);
+    void list(const tcstamp::StampedUnit& u);
+
+    Options opt_;
+    Output out_;
+    std::string in_name_;
+    std::uint64_t frames_ = 0;
+    std::string first_tc_;
+    std::string last_tc_;
+    std::uint64_t last_index_ = 0;
+    // Listed time codes waiting for the pictures shown before them.
+    std::map<std::uint64_t, std::string> pending_list_;
+    std::uint64_t next_listed_ = 0;
+    bool progress_ = false;
+};
+
+void Tool::list(const tcstamp::StampedUnit& u) {
+    const std::string tc = tcstamp::time_code_text(u.label, u.drop_frame);
+    if (u.display_index == 0) first_tc_ = tc;
+    if (frames_ == 1 || u.display_index > last_index_) {
+        last_index_ = u.display_index;
+        last_tc_ = tc;
+    }
+    if (!opt_.list) return;
+    pending_list_.emplace(u.display_index, tc);
+    for (auto it = pending_list_.begin(); it != pending_list_.end() && it->first == next_listed_;) {
+        std::printf("%llu %s\n", static_cast<unsigned long long>(it->first), it->second.c_str());
+        it = pending_list_.erase(it);
+        ++next_listed_;
+    }
+}
+
+void Tool::emit(tcstamp::StreamStamper& stamper) {
+    while (std::optional<tcstamp::StampedUnit> u = stamper.pop()) {
+        out_.write(u->bytes);
+        if (!u->stamped) continue;
+        ++frames_;
+        list(*u);
+        if (progress_ && frames_ % 250 == 0) std::fprintf(stderr, "\r%llu frames", static_cast<unsigned long long>(frames_));
+    }
+}
+
+int Tool::run() {
+    in_name_ = opt_.in == "-" ? "standard input" : opt_.in;
+    FILE* in = opt_.in == "-" ? stdin : std::fopen(opt_.in.c_str(), "rb");
+    if (in == nullptr) fail("cannot read " + in_name_ + ": " + std::strerror(errno));
+    struct stat st{};
+    if (::fstat(fileno(in), &st) == 0 && S_ISDIR(st.st_mode)) fail("cannot read " + in_name_ + ": it is a directory");
+
+    util_dbgout_attr_fun_t* attr = util_ops_pfun->dbgout->pstDebugAttr;
+    if (opt_.trace.empty()) {
+        attr->get()->enType = UTIL_DBGOUT_ENUM_TYPE_NOLOG;
+    } else {
+        attr->set_dbglog_attr(UTIL_DBGOUT_DBGLOG_ENABLE, opt_.trace.c_str(), 1ULL << 30);
+    }
+
+    std::vector<std::uint8_t> chunk(1 << 20);
+    std::size_t got = std::fread(chunk.data(), 1, chunk.size(), in);
+    if (std::ferror(in) != 0) fail("cannot read " + in_name_ + ": " + std::strerror(errno));
+    const std::span<const std::uint8_t> head(chunk.data(), got);
+    const bool annexb = (got >= 4 && head[0] == 0 && head[1] == 0 && head[2] == 0 && head[3] == 1) ||
+                        (got >= 3 && head[0] == 0 && head[1] == 0 && head[2] == 1);
+    if (!annexb) fail(in_name_ + ": not an Annex B H.264/H.265 stream (it does not begin with a start code)");
+    const std::optional<Codec> seen = tcstamp::codec_of(head, tcstamp::split_nal_units(head, Codec::h264));
+    if (seen && opt_.codec && *seen != *opt_.codec) {
+        fail(in_name_ + ": the stream is " + (*seen == Codec::h264 ? "H.264" : "H.265") + ", not " +
+             (*opt_.codec == Codec::h264 ? "H.264" : "H.265"));
+    }
+    if (!seen && !opt_.codec) fail(in_name_ + ": cannot tell whether the stream is H.264 or H.265; give --codec");
+    const Codec codec = seen ? *seen : *opt_.codec;
+
+    tcstamp::StreamOptions so;
+    so.codec = codec;
+    so.fps_x100 = opt_.fps_x100;
+    so.start = opt_.start;
+    so.start_drop_frame = opt_.start_drop_frame;
+    // A file is read far faster than real time: no drift check.
+    tcstamp::StreamStamper stamper(so);
+    if (!out_.open()) fail("cannot write " + opt_.out + ": " + std::strerror(errno));
+    progress_ = isatty(STDERR_FILENO) != 0;
+
+    tcstamp::AccessUnitSplitter splitter(codec);
+    while (got > 0) {
+        splitter.feed(std::span<const std::uint8_t>(chunk.data(), got));
+        while (std::optional<std::span<const std::uint8_t>> au = splitter.next()) {
+            if (!stamper.push(*au)) fail(in_name_ + ": " + stamper.error());
+            emit(stamper);
+        }
+        got = std::fread(chunk.data(), 1, chunk.size(), in);
+        if (std::ferror(in) != 0) fail("cannot read " + in_name_ + ": " + std::strerror(errno));
+    }
+    if (in != stdin) std::fclose(in);
+    splitter.finish();
+    while (std::optional<std::span<const std::uint8_t>> au = splitter.next()) {
+        if (!stamper.push(*au)) fail(in_name_ + ": " + stamper.error());
+        emit(stamper);
+    }
+    if (!stamper.finish()) fail(in_name_ + ": " + stamper.error());
+    emit(stamper);
+    if (progress_) std::fputc('\n', stderr);
+    if (frames_ == 0) fail(in_name_ + ": no picture could be stamped");
+    if (!out_.close()) {
+        out_.discard();
+        fail("cannot write " + opt_.out + ": " + std::strerror(errno));
+    }
+    const int fps = stamper.timing()->fps_x100;
+    std::fprintf(stderr, "%s: %llu frames stamped (%s, %d.%02d fps), first %s, last %s",
+                 opt_.out == "-" ? "standard output" : opt_.out.c_str(), static_cast<unsigned long long>(frames_),
+                 codec == Codec::h264 ? "H.264" : "H.265", fps / 100, fps % 100, first_tc_.c_str(), last_tc_.c_str());
+    if (stamper.unstamped_pictures() > 0) {
+        std::fprintf(stderr, "; %llu pictures before the first random-access picture passed through unstamped",
+                     static_cast<unsigned long long>(stamper.unstamped_pictures()));
+    }
+    std::fputc('\n', stderr);
+    return 0;
+}
 
 }  // namespace
 
 int main(int argc, char** argv) {
     const Options opt = parse_args(argc, argv);
-    const std::vector<std::uint8_t> stream = read_all(opt.in);
-    const std::span<const std::uint8_t> s(stream);
-
-    const bool annexb = (s.size() >= 4 && s[0] == 0 && s[1] == 0 && s[2] == 0 && s[3] == 1) ||
-                        (s.size() >= 3 && s[0] == 0 && s[1] == 0 && s[2] == 1);
-    if (!annexb) die(opt.in + ": not an Annex B H.264/H.265 stream (it does not begin with a start code)");
-    std::vector<tcstamp::Nal> nals = tcstamp::split_nal_units(s, opt.codec.value_or(Codec::h264));
-    const Codec codec = opt.codec ? *opt.codec : tcstamp::guess_codec(s, nals);
-    if (codec == Codec::h265) nals = tcstamp::split_nal_units(s, codec);
-    const std::vector<tcstamp::AccessUnit> aus = tcstamp::group_access_units(nals, codec);
-
-    util_dbgout_attr_fun_t* attr = util_ops_pfun->dbgout->pstDebugAttr;
-    if (opt.trace.empty()) {
-        attr->get()->enType = UTIL_DBGOUT_ENUM_TYPE_NOLOG;
-    } else {
-        attr->set_dbglog_attr(UTIL_DBGOUT_DBGLOG_ENABLE, opt.trace.c_str(), 1ULL << 30);
+    try {
+        return Tool(opt).run();
+    } catch (const std::bad_alloc&) {
+        std::fputs("quillane-tcstamp: out of memory\n", stderr);
+        return 1;
     }
-
-    tcstamp::StamperConfig config;
-    config.codec = codec;
-    config.fps_x100 = opt.fps_x100;
-    config.cpb_removal_delay_length = opt.hrd[0];
-    config.dpb_output_delay_length = opt.hrd[1];
-    config.time_offset_length = opt.hrd[2];
-    config.start = opt.start;  // a file is read far faster than real time: no drift check
-    tcstamp::AccessUnitStamper stamper;
-    if (!stamper.start(config)) die("out of memory");
-
-    OutFile out{std::fopen(opt.out.c_str(), "wb")};
-    if (out.fp == nullptr) die("cannot write " + opt.out + ": " + std::strerror(errno));
-
-    const bool progress = isatty(STDERR_FILENO) != 0 && aus.size() >= 500;
-    std::size_t frames = 0;
-    std::string first_tc;
-    std::string last_tc;
-    bool warned = false;
-    if (!nals.empty()) out.write(s.first(nals.front().sc_begin));  // whatever precedes the first unit
-    for (std::size_t a = 0; a < aus.size(); ++a) {
-        const std::size_t begin = nals[aus[a].begin].sc_begin;
-        const std::size_t end = a + 1 < aus.size() ? nals[aus[a + 1].begin].sc_begin : s.size();
-        const std::span<const std::uint8_t> au = s.subspan(begin, end - begin);
-        const tcstamp::StampPlan plan = stamper.stamp(au);
-        if (!warned && !stamper.stream_warning().empty()) {
-            std::fprintf(stderr, "quillane-tcstamp: warning: %s\n", stamper.stream_warning().c_str());
-            warned = true;
-        }
-        if (!plan.picture) {  // no picture: passed through unstamped
-            out.write(au);
-            continue;
-        }
-        out.write(au.first(plan.insert_at));
-        out.write(plan.sei);
-        out.write(au.subspan(plan.insert_at));
-        last_tc = stamper.time_code_text();
-        if (frames == 0) first_tc = last_tc;
-        ++frames;
-        if (opt.list) std::printf("%zu %s\n", frames - 1, last_tc.c_str());
-        if (progress && frames % 250 == 0) std::fprintf(stderr, "\r%zu / %zu frames", frames, aus.size());
-    }
-    if (progress) std::fputc('\n', stderr);
-    if (std::ferror(out.fp) != 0 || std::fclose(out.fp) != 0) {
-        out.fp = nullptr;
-        die("cannot write " + opt.out + ": " + std::strerror(errno));
-    }
-    out.fp = nullptr;
-    if (frames == 0) die(opt.in + ": no pictures found");
-    std::printf("%s: %zu frames stamped (%s, %d.%02d fps), first %s, last %s\n", opt.out.c_str(), frames,
-                codec == Codec::h264 ? "H.264" : "H.265", opt.fps_x100 / 100, opt.fps_x100 % 100, first_tc.c_str(),
-                last_tc.c_str());
-    return 0;
 }
