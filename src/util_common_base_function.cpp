@@ -457,14 +457,20 @@ Verdict judge_min_max(const UTIL_CHAR* value, const UTIL_CHAR* list) noexcept {
 constexpr std::size_t kRegexErrorSize = 256;
 constexpr std::size_t kPatternBufferSize = 128;
 
-// The C library compiles a repetition by copying its operand (x+ becomes
-// x x*, x{m,n} n copies), so stacked and nested repetitions multiply: "a"
-// followed by a hundred "+" would need more memory than any device has.
-// Patterns are therefore measured first, in copies of single atoms, and
-// refused past a size that parameter rules never approach (1024 optional
-// copies already take about 10 MB to compile).
-constexpr std::uint64_t kMaxPatternCopies = 1024;
+// What a pattern may cost. The C library compiles a repetition by copying
+// its operand (x{2,5} becomes x x (x (x x?)?)?, x+ becomes x x*), so nested
+// intervals multiply, and it matches with a lazily built automaton that may
+// add a state, a 256-entry transition table and a set of pattern nodes, for
+// every byte of the value. Both are bounded here, by measurement on the
+// worst patterns that pass: a compiled size of 512 nodes and values of at
+// most 1024 bytes keep one pattern under 16 MB and 100 ms on the camera.
+// Parameter values and their rules are far smaller ("^[0-9]{1,3}(\.[0-9]
+// {1,3}){3}$" is about 70 nodes).
+constexpr std::uint64_t kMaxPatternNodes = 512;
+constexpr std::size_t kMaxPatternValue = 1024;
 constexpr std::uint64_t kCostCeiling = std::uint64_t{1} << 40;
+// The library's own limit on an interval count.
+constexpr std::uint64_t kMaxIntervalCount = 0x7fff;
 
 inline std::uint64_t capped_add(std::uint64_t a, std::uint64_t b) noexcept {
     return a + b > kCostCeiling ? kCostCeiling : a + b;
@@ -491,8 +497,11 @@ std::size_t bracket_end(const char* p, std::size_t i) noexcept {
     return p[j] == '\0' ? j - 1 : j;
 }
 
-// Reads an interval "{m}", "{m,}" or "{m,n}" opening at p[i]: the number of
-// copies it makes, and the index of its "}". False when it is none.
+// Reads an interval opening at p[i]: "{m}", "{m,}", "{m,n}", and also "{,n}"
+// and "{,}", which the library reads with a minimum of 0. Gives the number
+// of copies the library makes of the operand (m, m + 1, n, n and 1; never
+// less than 1, which only overstates "{0}"), and the index of the "}".
+// False when it is no interval.
 bool read_interval(const char* p, std::size_t i, std::uint64_t& copies, std::size_t& end) noexcept {
     std::size_t j = i + 1;
     std::uint64_t numbers[2] = {0, 0};
@@ -502,7 +511,7 @@ bool read_interval(const char* p, std::size_t i, std::uint64_t& copies, std::siz
         const Byte c = static_cast<Byte>(p[j]);
         if (c >= '0' && c <= '9') {
             std::uint64_t& n = numbers[comma ? 1 : 0];
-            if (n < 100000) n = n * 10 + (c - '0');
+            if (n <= kMaxIntervalCount) n = n * 10 + (c - '0');
             digits[comma ? 1 : 0] = true;
         } else if (c == ',' && !comma) {
             comma = true;
@@ -510,20 +519,33 @@ bool read_interval(const char* p, std::size_t i, std::uint64_t& copies, std::siz
             break;
         }
     }
-    if (p[j] != '}' || !digits[0]) return false;
-    copies = comma ? (digits[1] ? numbers[1] : numbers[0] + 1) : numbers[0];
+    if (p[j] != '}' || !(digits[0] || comma)) return false;
+    copies = !comma ? numbers[0] : digits[1] ? numbers[1] : numbers[0] + 1;
     if (copies == 0) copies = 1;
     end = j;
     return true;
 }
 
-// 0 when the pattern may go to the compiler, else the compiler's error code
-// that describes the refusal. Two constructs that POSIX extended expressions
-// leave undefined are refused as well, because the C library accepts them
-// at a cost that can explode: adjacent repetition symbols ("a??+", whose
-// compilation time grows exponentially with their number) and
-// back-references (whose matching time can grow so with the value's length).
-int screen_pattern(const char* p) noexcept {
+// What the screen learns of a pattern: 0 when it may go to the compiler,
+// else the compiler's error code that describes the refusal; and, per
+// position, the characters that the search form must write otherwise.
+enum class Mark : Byte { none, stray_close, line_start };
+struct Screen {
+    int refusal = 0;
+    Mark marks[kPatternBufferSize] = {};
+};
+
+// Measures the pattern in compiled nodes: one per character, anchor and
+// alternative, three per bracket expression or class escape (a set for
+// single bytes, one for multibyte characters and a choice between them),
+// and a repeated operand times its copies plus one choice node per copy.
+// Two constructs that POSIX extended expressions leave undefined are
+// refused as well, because the C library accepts them at a cost that can
+// explode: adjacent repetition symbols ("a??+", whose compilation time grows
+// exponentially with their number) and back-references (whose matching time
+// can grow so with the value's length).
+Screen screen_pattern(const char* p) noexcept {
+    Screen out;
     struct Level {
         std::uint64_t alternatives;  // finished branches of this group
         std::uint64_t branch;        // the branch being read
@@ -538,7 +560,7 @@ int screen_pattern(const char* p) noexcept {
     auto repeat = [&](std::uint64_t copies) {
         Level& l = levels[depth];
         l.branch -= l.last;
-        l.last = capped_mul(l.last, copies);
+        l.last = capped_mul(l.last + 1, copies);
         l.branch = capped_add(l.branch, l.last);
     };
     auto close_group = [&] {
@@ -552,36 +574,52 @@ int screen_pattern(const char* p) noexcept {
         std::size_t end = 0;
         const bool repetition =
             p[i] == '*' || p[i] == '?' || p[i] == '+' || (p[i] == '{' && read_interval(p, i, copies, end));
-        if (repetition && after_repetition) return REG_BADRPT;
+        if (repetition && after_repetition) {
+            out.refusal = REG_BADRPT;
+            return out;
+        }
         after_repetition = repetition;
         switch (p[i]) {
             case '\\':
-                if (p[i + 1] >= '1' && p[i + 1] <= '9') return REG_ESUBREG;
+                if (p[i + 1] >= '1' && p[i + 1] <= '9') {
+                    out.refusal = REG_ESUBREG;
+                    return out;
+                }
                 if (p[i + 1] != '\0') ++i;
-                add(1);
+                add(std::strchr("wWsS", p[i]) != nullptr ? 3 : 1);
                 break;
             case '[':
                 i = bracket_end(p, i);
-                add(1);
+                add(3);
                 break;
             case '(':
-                if (depth + 1 == kPatternBufferSize) return REG_ESIZE;
+                if (depth + 1 == kPatternBufferSize) {
+                    out.refusal = REG_ESIZE;
+                    return out;
+                }
                 levels[++depth] = Level{};
                 break;
             case ')':
-                if (depth == 0) {
-                    add(1);  // an unmatched ")" is an ordinary character
+                if (depth == 0) {  // closes nothing: an ordinary character
+                    out.marks[i] = Mark::stray_close;
+                    add(1);
                 } else {
                     close_group();
                 }
                 break;
             case '|':
-                levels[depth].alternatives = capped_add(levels[depth].alternatives, levels[depth].branch);
+                levels[depth].alternatives =
+                    capped_add(levels[depth].alternatives, capped_add(levels[depth].branch, 1));
                 levels[depth].branch = 0;
                 levels[depth].last = 0;
                 break;
+            case '^':
+                out.marks[i] = Mark::line_start;
+                add(1);
+                break;
             case '*':
             case '?':
+                repeat(1);
                 break;
             case '+':
                 repeat(2);
@@ -600,7 +638,42 @@ int screen_pattern(const char* p) noexcept {
         }
     }
     while (depth > 0) close_group();
-    return capped_add(levels[0].alternatives, levels[0].branch) > kMaxPatternCopies ? REG_ESIZE : 0;
+    if (capped_add(levels[0].alternatives, levels[0].branch) > kMaxPatternNodes) out.refusal = REG_ESIZE;
+    return out;
+}
+
+// "^.*(pattern)": the same search run as one pass over the value. Searching
+// for the bare pattern restarts the automaton at every byte of the value,
+// which costs time in the square of the value's length and a fresh set of
+// automaton states per start; anchored behind ".*" (which takes every byte
+// here, line feeds included) every byte is read once. Two characters are
+// written otherwise: a ")" that closes nothing becomes "\)", so that it
+// cannot close the wrapping group, and "^" becomes "\`", the start of the
+// value. Without REG_NEWLINE they mean the same, but the library's automaton
+// lets "^" match after any line feed it has stepped over, and ".*" steps
+// over the ones in front of a match.
+constexpr std::size_t kSearchBufferSize = 4 + 2 * kPatternBufferSize + 2;
+
+void search_form(const char* pattern, const Screen& screen, char* out) noexcept {
+    std::size_t n = 0;
+    for (const char* head = "^.*("; *head != '\0'; ++head) out[n++] = *head;
+    for (std::size_t i = 0; pattern[i] != '\0'; ++i) {
+        switch (screen.marks[i]) {
+            case Mark::stray_close:
+                out[n++] = '\\';
+                out[n++] = ')';
+                break;
+            case Mark::line_start:
+                out[n++] = '\\';
+                out[n++] = '`';
+                break;
+            case Mark::none:
+                out[n++] = pattern[i];
+                break;
+        }
+    }
+    out[n++] = ')';
+    out[n] = '\0';
 }
 
 // Kind 3: S p1 S S p2 S ... [S]; the value must match every pattern.
@@ -608,6 +681,7 @@ int screen_pattern(const char* p) noexcept {
 Verdict judge_patterns(const UTIL_CHAR* value, const UTIL_CHAR* list, char* detail) noexcept {
     const char sep = list[1];
     const std::size_t len = std::strlen(list);
+    const std::size_t value_len = std::strlen(value);
     std::size_t i = 1;
     while (i < len) {
         // Text after a closing separator must open the next pattern.
@@ -620,14 +694,26 @@ Verdict judge_patterns(const UTIL_CHAR* value, const UTIL_CHAR* list, char* deta
         if (end - i > kPatternBufferSize - 2) return Verdict::pattern_too_long;
         char pattern[kPatternBufferSize] = {};
         std::memcpy(pattern, list + i + 1, end - i - 1);
+        // The pattern is compiled as written first, so that a faulty one is
+        // reported with the library's own words; the search form is only
+        // built from a pattern known to be sound.
+        const Screen screen = screen_pattern(pattern);
         regex_t re{};
-        int rc = screen_pattern(pattern);
+        int rc = screen.refusal;
         if (rc == 0) rc = regcomp(&re, pattern, REG_EXTENDED | REG_NOSUB);
+        if (rc == 0) {
+            regfree(&re);
+            char search[kSearchBufferSize];
+            search_form(pattern, screen, search);
+            rc = regcomp(&re, search, REG_EXTENDED | REG_NOSUB);
+        }
         if (rc != 0) {
             regerror(rc, &re, detail, kRegexErrorSize);
             return Verdict::regcomp_failed;
         }
-        rc = regexec(&re, value, 0, nullptr, 0);
+        // A longer value is refused as the search would be, had it run out
+        // of memory.
+        rc = value_len > kMaxPatternValue ? REG_ESPACE : regexec(&re, value, 0, nullptr, 0);
         if (rc != 0) regerror(rc, &re, detail, kRegexErrorSize);
         regfree(&re);
         if (rc != 0) return Verdict::regexec_failed;

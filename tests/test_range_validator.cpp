@@ -1,5 +1,8 @@
 // String lists and the range validator: every kind, result code and message.
+#include <fcntl.h>
 #include <regex.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
 
 #include <cstring>
 
@@ -127,24 +130,12 @@ TEST(RangeValidator, RegexKind) {
     // Stray text after a closing separator is malformed, not an endless walk.
     EXPECT_EQ(judge("abc", "3#abc#def#"), Result(-1, kFormat));
 
-    // Repetitions are copied when compiled: nested ones that would take
-    // more than 1024 copies are refused before they exhaust memory, and so
-    // are adjacent repetition symbols and back-references, whose compiling
-    // or matching time can explode.
-    const std::string too_big = "error: regcomp failed " + regex_error_text(REG_ESIZE, nullptr) + "\n";
-    std::string nested = "a";
-    for (int level = 1; level <= 11; ++level) {
-        nested = "(" + nested + ")+";
-        EXPECT_EQ(judge("a", ("3#" + nested + "#").c_str()), level <= 10 ? Result(0, "") : Result(2, too_big));
-    }
-    EXPECT_EQ(judge("a", "3#^[0-9]{1,1022}$#"), Result(2, no_match));
-    EXPECT_EQ(judge("a", "3#^[0-9]{1,1023}$#"), Result(2, too_big));
-    EXPECT_EQ(judge("aaa", "3#((a|b){32}){32}|aaa#"), Result(2, too_big));
-    EXPECT_EQ(judge("a", "3#((a|b){16}){31}|a#"), Result(0, ""));
-    EXPECT_EQ(judge("a", "3#(x{2,}){512}|a#"), Result(2, too_big));
+    // Constructs whose cost can explode are refused: adjacent repetition
+    // symbols and back-references.
     const std::string stacked = "error: regcomp failed " + regex_error_text(REG_BADRPT, nullptr) + "\n";
     EXPECT_EQ(judge("a", "3#a???????+++++#"), Result(2, stacked));
     EXPECT_EQ(judge("a", "3#a{1,2}*#"), Result(2, stacked));
+    EXPECT_EQ(judge("a", "3#a{,2}*#"), Result(2, stacked));
     EXPECT_EQ(judge("a+", "3#^(a+)+[+]+$#"), Result(0, ""));
     EXPECT_EQ(judge("aa", "3#(a)\\1#"),
               Result(2, "error: regcomp failed " + regex_error_text(REG_ESUBREG, nullptr) + "\n"));
@@ -157,6 +148,120 @@ TEST(RangeValidator, RegexKind) {
         EXPECT_EQ(judge(pattern.c_str(), ("3#" + pattern + "#").c_str()), want) << len;
         EXPECT_EQ(judge(pattern.c_str(), ("3#a##" + pattern + "#").c_str()), want) << len;
     }
+}
+
+// The compiled size of a pattern: every interval form counts as the C
+// library reads it ("{,n}" is "{0,n}"), nested ones multiply, and the edges
+// of the bound (512 nodes, an operand and its choice node per copy) fall
+// exactly here. Also the search itself: a match anywhere, across line feeds,
+// and a ")" that closes nothing stays an ordinary character.
+TEST(RangeValidator, RegexSizeBoundAndSearch) {
+    enum Want { kMatch, kNoMatch, kTooBig };
+    const Result want[] = {
+        Result(0, ""),
+        Result(2, "error: regexec failed " + regex_error_text(REG_NOMATCH, nullptr) + "\n"),
+        Result(2, "error: regcomp failed " + regex_error_text(REG_ESIZE, nullptr) + "\n"),
+    };
+    const std::string plus7 = "(((((((a)+)+)+)+)+)+)+", plus8 = "(" + plus7 + ")+";
+    const struct {
+        std::string value, pattern;
+        Want want;
+    } rows[] = {
+        {"a", "a{,32767}", kTooBig},
+        {"a", "(((a{,20}){,20}){,20}){,20}", kTooBig},
+        {"a", "a{,256}", kMatch},
+        {"a", "a{,257}", kTooBig},
+        {"a", "a{255,}", kNoMatch},
+        {"a", "a{256,}", kTooBig},
+        {"a", "a{256}", kNoMatch},
+        {"a", "a{257}", kTooBig},
+        {"a", "a{1,256}", kMatch},
+        {"a", "a{1,257}", kTooBig},
+        {"b", "^a{,}b$", kMatch},
+        {"aa", "^a{,2}$", kMatch},
+        {"aaa", "^a{,2}$", kNoMatch},
+        {"a{,300}", "^a\\{,300}$", kMatch},
+        {"a", "((a{,6}){,6}){,6}", kMatch},
+        {"a", "((a{,6}){,6}){,7}", kTooBig},
+        {"a", plus7, kMatch},
+        {"a", plus8, kTooBig},
+        {"aaa", "((a|b){32}){32}|aaa", kTooBig},
+        {"12", "^[0-9]{1,127}$", kMatch},
+        {"12", "^[0-9]{1,128}$", kTooBig},
+        {"a", "(a|b)*a(a|b){126}c", kNoMatch},
+        {"a", "(a|b)*a(a|b){127}c", kTooBig},
+        {"xbz", "b", kMatch},
+        {"x\ny", "y", kMatch},
+        {"x\ny", "^x.y$", kMatch},
+        {"x\ny", "^y", kNoMatch},
+        {"x\ny", "x$", kNoMatch},
+        {"x\ny", "a|^y", kNoMatch},
+        {"y\nx", "a|^y", kMatch},
+        {"x\ny", "[^x]y", kMatch},
+        {"a^b", "a\\^b", kMatch},
+        {"a", "a|b)", kMatch},
+        {"b)", "a|b)", kMatch},
+        {"b", "a|b)", kNoMatch},
+        {"b", "(a|b))", kNoMatch},
+    };
+    for (const auto& row : rows) {
+        EXPECT_EQ(judge(row.value.c_str(), ("3#" + row.pattern + "#").c_str()), want[row.want]) << row.pattern;
+    }
+}
+
+#if defined(__SANITIZE_ADDRESS__)
+constexpr long kSanitizerFactor = 8;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+constexpr long kSanitizerFactor = 8;
+#else
+constexpr long kSanitizerFactor = 1;
+#endif
+#else
+constexpr long kSanitizerFactor = 1;
+#endif
+
+// The worst pattern the screen admits, one whose matcher adds an automaton
+// state for nearly every byte of the value, on the longest value a pattern
+// is tried on (1024 bytes; longer ones are refused unread): its peak memory
+// and processor time, measured in a child so that nothing else counts.
+TEST(RangeValidator, WorstAdmittedPatternStaysSmallAndQuick) {
+    const char* rule = "3#(a|b)*a(a|b){126}c#";
+    std::string value(1024, 'a');
+    for (std::size_t i = 0; i < value.size(); i += 1 + i % 3) value[i] = 'b';
+    const std::string no_match = "error: regexec failed " + regex_error_text(REG_NOMATCH, nullptr) + "\n";
+    EXPECT_EQ(judge(value.c_str(), rule), Result(2, no_match));
+    EXPECT_EQ(judge((value + "a").c_str(), "3#a#"),
+              Result(2, "error: regexec failed " + regex_error_text(REG_ESPACE, nullptr) + "\n"));
+    EXPECT_EQ(judge(std::string(4096, 'a').c_str(), rule),
+              Result(2, "error: regexec failed " + regex_error_text(REG_ESPACE, nullptr) + "\n"));
+
+    int out[2];
+    ASSERT_EQ(pipe(out), 0);
+    const pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        const int null = open("/dev/null", O_WRONLY);
+        dup2(null, STDERR_FILENO);
+        rusage before{}, after{};
+        getrusage(RUSAGE_SELF, &before);
+        cb().judgeSubStrWithinRange(value.data(), rule);
+        getrusage(RUSAGE_SELF, &after);
+        auto ms = [](const rusage& r) {
+            return (r.ru_utime.tv_sec + r.ru_stime.tv_sec) * 1000L + (r.ru_utime.tv_usec + r.ru_stime.tv_usec) / 1000L;
+        };
+        const long figures[2] = {after.ru_maxrss - before.ru_maxrss, ms(after) - ms(before)};
+        _exit(write(out[1], figures, sizeof figures) == sizeof figures ? 0 : 1);
+    }
+    close(out[1]);
+    long figures[2] = {-1, -1};
+    EXPECT_EQ(read(out[0], figures, sizeof figures), static_cast<ssize_t>(sizeof figures));
+    close(out[0]);
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    EXPECT_EQ(status, 0);
+    EXPECT_LT(figures[0], 16 * 1024 * kSanitizerFactor) << "peak growth in KB";
+    EXPECT_LT(figures[1], 100 * kSanitizerFactor) << "processor time in ms";
 }
 
 TEST(StringList, BuildsZeroedBuffersAndRefusesBadShapes) {
