@@ -71,6 +71,7 @@ constexpr const char* kLibraryDefaultLog = "/dev/util_dbgout.log";
 
 struct Settings {
     Source source = Source::clock;
+    bool source_set = false;  // false: start-time-code alone selects Source::start
     int max_fps_x100 = 0;  // 0: the stream's own rate
     bool drift_check = false;
     guint64 frames_before_first_check = kDefaultFramesBeforeFirstCheck;
@@ -199,7 +200,10 @@ void set_property(GObject* object, guint id, const GValue* value, GParamSpec* ps
     Settings& s = self->state.settings;
     GST_OBJECT_LOCK(self);
     switch (id) {
-        case PROP_SOURCE: s.source = static_cast<Source>(g_value_get_enum(value)); break;
+        case PROP_SOURCE:
+            s.source = static_cast<Source>(g_value_get_enum(value));
+            s.source_set = true;
+            break;
         case PROP_MAX_FPS_X100: s.max_fps_x100 = g_value_get_int(value); break;
         case PROP_CPB_REMOVAL_DELAY_LENGTH:
         case PROP_DPB_OUTPUT_DELAY_LENGTH:
@@ -385,6 +389,8 @@ bool start_stream(GstQuillaneTcstamp* self) {
     State& st = self->state;
     GstBaseTransform* trans = GST_BASE_TRANSFORM(self);
     st.active = settings_now(self);
+    // A start label given on its own is meant to be used.
+    if (!st.active.source_set && !st.active.start_time_code.empty()) st.active.source = Source::start;
     if (!parse_start(self, st.active, st.start)) return false;
     if (st.active.source == Source::start && !st.start) {
         GST_ELEMENT_ERROR(self, RESOURCE, SETTINGS,
@@ -781,7 +787,7 @@ static void gst_quillane_tcstamp_class_init(GstQuillaneTcstampClass* klass) {
     g_object_class_install_property(
         object_class, PROP_START_TIME_CODE,
         g_param_spec_string("start-time-code", "Start time code",
-                            "Label of the first stamped picture with source=start, HH:MM:SS:FF (or HH:MM:SS;FF for "
+                            "Label of the first stamped picture with source=start (set alone, it selects source=start), HH:MM:SS:FF (or HH:MM:SS;FF for "
                             "drop-frame rates). A change takes effect at the next stream start or flush",
                             nullptr, flags));
     g_object_class_install_property(
