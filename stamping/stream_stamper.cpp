@@ -30,6 +30,20 @@ bool library_random_access_type(Codec codec, int type) {
     return codec == Codec::h264 ? (type == 7 || type == 8 || type == 5) : (type >= 32 && type <= 34) || type == 19;
 }
 
+// An end of sequence or of stream closes its access unit, behind the
+// picture: its last bytes show it without a walk through the slice data.
+bool ends_with_end_of_sequence(std::span<const std::uint8_t> au, Codec codec) {
+    std::size_t end = au.size();
+    while (end > 0 && au[end - 1] == 0) --end;
+    const std::size_t header = codec == Codec::h264 ? 1 : 2;
+    if (end < 3 + header || au[end - header - 1] != 1 || au[end - header - 2] != 0 || au[end - header - 3] != 0) {
+        return false;
+    }
+    const std::uint8_t b0 = au[end - header];
+    return codec == Codec::h264 ? ((b0 & 0x1F) == 10 || (b0 & 0x1F) == 11)
+                                : (((b0 >> 1) & 0x3F) == 36 || ((b0 >> 1) & 0x3F) == 37);
+}
+
 const char* codec_name(Codec c) { return c == Codec::h264 ? "H.264" : "H.265"; }
 
 std::string rate_text(int fps_x100) {
@@ -143,7 +157,7 @@ bool StreamStamper::Impl::push(std::span<const std::uint8_t> bytes, std::uint64_
     u.tag = tag;
     u.first_label = label;
     if (!codec) {
-        split_nal_units(u.au, Codec::h264, u.nals);
+        split_nal_units(u.au, Codec::h264, u.nals, true);
         const std::optional<Codec> seen = codec_of(u.au, u.nals);
         if (seen && options.codec && *seen != *options.codec) {
             return fail(std::string("the stream is ") + codec_name(*seen) + ", not " + codec_name(*options.codec));
@@ -154,14 +168,18 @@ bool StreamStamper::Impl::push(std::span<const std::uint8_t> bytes, std::uint64_
                         "H.265: give the codec");
         }
     }
-    split_nal_units(u.au, codec.value_or(Codec::h264), u.nals);
+    // Slice data is never walked: what stamping needs comes before it.
+    split_nal_units(u.au, codec.value_or(Codec::h264), u.nals, true);
     if (!learn_parameter_sets(u)) return false;
+    const bool ends_sequence = ends_with_end_of_sequence(u.au, *codec);
     if (!u.has_picture) {
+        after_end_of_sequence = after_end_of_sequence || ends_sequence;
         u.ready = true;
         u.out.bytes = std::move(u.au);
         return true;
     }
     if (!analyse_picture(u)) return false;
+    after_end_of_sequence = after_end_of_sequence || ends_sequence;
     return place(u);
 }
 
@@ -181,16 +199,12 @@ bool StreamStamper::Impl::learn_parameter_sets(Unit& u) {
                 if (auto s = parse_h264_sps(nal)) h264_sps[static_cast<std::size_t>(s->seq_parameter_set_id)] = *s;
             } else if (n.type == 8) {
                 if (auto p = parse_h264_pps(nal)) h264_pps[static_cast<std::size_t>(p->pic_parameter_set_id)] = *p;
-            } else if (n.type == 10 || n.type == 11) {
-                after_end_of_sequence = true;
             }
         } else {
             if (n.type == 33) {
                 if (auto s = parse_h265_sps(nal)) h265_sps[static_cast<std::size_t>(s->sps_seq_parameter_set_id)] = *s;
             } else if (n.type == 34) {
                 if (auto p = parse_h265_pps(nal)) h265_pps[static_cast<std::size_t>(p->pps_pic_parameter_set_id)] = *p;
-            } else if (n.type == 36 || n.type == 37) {
-                after_end_of_sequence = true;
             }
         }
     }
