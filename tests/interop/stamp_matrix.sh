@@ -15,6 +15,9 @@ tcstamp=$1 reader=$2 plugin_dir=${3:-}
 work=$(mktemp -d "${TMPDIR:-/tmp}/quillane-matrix.XXXXXX") || exit 1
 trap 'rm -rf "$work"' EXIT
 cd "$work" || exit 1
+# A registry of our own: a sanitizer build of the element that fails to load
+# must not be remembered in the user's cache.
+export GST_REGISTRY="$work/registry.bin"
 failures=0 rows=0
 fail() {
     echo "FAIL [$name]: $*" >&2
@@ -113,6 +116,8 @@ row h264_interlaced_tff_25 h264 25 2500 00:00:10:00 ok -- $(x264 -bf 2 -flags +i
 row h264_interlaced_bff_2997 h264 30000/1001 2997 '00:09:59;25' ok -- $(x264 -bf 2 -flags +ildct+ilme -x264-params "$hrd:bff=1")
 row h264_no_encoder_sei_50 h264 50 5000 23:59:59:40 ok -- $(x264 -bf 2 -x264-params $hrd) -bsf:v filter_units=remove_types=6
 row h264_bframes2_5994 h264 60000/1001 5994 '00:00:59;50' ok -- $(x264 -bf 2 -x264-params $hrd)
+row h264_24 h264 24 2400 00:00:59:20 ok -- $(x264 -bf 1 -x264-params $hrd)
+row h264_48 h264 48 4800 00:00:59:40 ok -- $(x264 -bf 0 -x264-params $hrd)
 CUT=10
 row h264_cut_inside_gop h264 25 2500 01:00:00:00 ok -- $(x264 -bf 2 -g 25 -x264-params $hrd)
 CUT=
@@ -124,6 +129,8 @@ row h265_bframes3_2997 h265 30000/1001 2997 '00:00:59;20' ok -- $(x265 bframes=3
 row h265_open_gop_23976 h265 24000/1001 2398 00:00:00:00 ok -- $(x265 bframes=4:keyint=24:open-gop=1)
 row h265_bframes2_5994_no_sei h265 60000/1001 5994 '00:00:59;50' ok -- $(x265 bframes=2:keyint=60) -bsf:v filter_units=remove_types=39
 row h265_bframes2_50 h265 50 5000 00:00:00:00 ok -- $(x265 bframes=2:keyint=50:b-pyramid=1)
+row h265_30 h265 30 3000 00:00:59:20 ok -- $(x265 bframes=0:keyint=30)
+row h265_60 h265 60 6000 00:00:59:40 ok -- $(x265 bframes=1:keyint=60)
 }
 
 # Inputs and options the tool refuses, each with its message and status;
