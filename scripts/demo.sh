@@ -18,11 +18,11 @@ case "$in" in
     *) out=$build/stamped.264 ;;
 esac
 echo "== quillane-tcstamp $(basename "$in") -> $out"
-"$build/tools/tcstamp/quillane-tcstamp" "$in" "$out" --fps 2997 --start 00:00:59:20 --list >"$build/stamped.list"
-tail -n 1 "$build/stamped.list"
+"$build/tools/tcstamp/quillane-tcstamp" "$in" "$out" --start 00:00:59:20 --list >"$build/stamped.list" 2>"$build/stamped.summary"
+cat "$build/stamped.summary"
 echo
 echo "== frame  stamped       read back by ffprobe"
-grep -v ' frames stamped ' "$build/stamped.list" >"$build/ours.txt"
+cp "$build/stamped.list" "$build/ours.txt"
 ffprobe -v error -show_entries frame_tags=timecode -of csv=p=0 "$out" | grep . | tr -d ',' >"$build/theirs.txt"
 paste -d ' ' "$build/ours.txt" "$build/theirs.txt" | awk '{ printf "   %3d   %s   %s\n", $1, $2, $3 }'
 if [ "$(awk '{print $2}' "$build/ours.txt" | tr ';' ':')" = "$(tr ';' ':' <"$build/theirs.txt")" ]; then

@@ -19,7 +19,7 @@ tool=$build/tools/tcstamp/quillane-tcstamp
 cd "$out"
 "$@" "$tool" --codec h264 --fps 2997 --start '00:00:59;10' --list "$samples/sample_2997.264" stamped_2997.264 \
     >tcstamp_h264.stdout 2>tcstamp_h264.stderr || status=1
-"$@" "$tool" --codec h265 --fps 5994 --start '23:59:59;30' --list "$samples/sample_2997.265" stamped_5994.265 \
+"$@" "$tool" --codec h265 --start '23:59:59;10' --list "$samples/sample_2997.265" stamped_5994.265 \
     >tcstamp_h265.stdout 2>tcstamp_h265.stderr || status=1
 if [ $status -ne 0 ]; then
     echo "produce.sh: a program failed in $build; see $out/*.stderr" >&2
