@@ -2,6 +2,7 @@
 // function with its log-file and syslog writers, and the command byte dump.
 #include "util_dbgout_function.h"
 
+#include <fcntl.h>
 #include <pthread.h>
 #include <sys/stat.h>
 #include <sys/time.h>
@@ -48,8 +49,10 @@ util_dbgout_t _debugAttr_baseInit = {
 
 // The BUSY bit decides which messages are dropped during a rotation, but it
 // cannot keep one thread from closing the stream while another is still
-// writing to it. This lock guards the stream's lifetime (open, write, close);
-// it is released while a rotation pauses, so the BUSY protocol stays visible.
+// writing to it. This lock guards the stream pointer and the option word
+// (install, write, close); it is released while a rotation pauses, so the
+// BUSY protocol stays visible, and while a log file is being opened, since
+// an open may wait and every record's traces share this one lock.
 std::mutex g_stream_lock;
 
 // A child forked while another thread held the lock would never get it.
@@ -77,18 +80,46 @@ void close_stream(util_dbgout_dbglog_t* pdbglog) noexcept {
     }
 }
 
-// Opens the log file by its state on disk: created when missing, rewritten
-// from the start when already over the limit, appended to otherwise. Always
-// close-on-exec, so the shell commands the library runs don't inherit it.
-FILE* open_log(const util_dbgout_dbglog_t* pdbglog) noexcept {
-    struct stat st;
-    const char* mode = "ae";
-    if (stat(pdbglog->log_path, &st) != 0) {
-        mode = "w+e";
-    } else if (static_cast<UTIL_U64>(st.st_size) > pdbglog->log_max_size) {
-        mode = "r+e";
+// Opens a log stream only on a regular file. Anything else at the path (a
+// FIFO without a reader, a terminal, a directory) could block the open or
+// every later write, or swallow the messages, so it is refused. O_NONBLOCK
+// keeps the open itself from waiting; the check is on the descriptor, so a
+// file swapped in after the caller's stat is caught too. Always close-on-exec,
+// so the shell commands the library runs don't inherit it.
+FILE* open_regular(const char* path, int flags, const char* mode) noexcept {
+    const int fd = open(path, flags | O_NONBLOCK | O_CLOEXEC | O_NOCTTY, 0666);
+    if (fd < 0) {
+        return nullptr;
     }
-    return std::fopen(pdbglog->log_path, mode);
+    struct stat st;
+    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+        close(fd);
+        return nullptr;
+    }
+    fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK);
+    FILE* fp = fdopen(fd, mode);
+    if (fp == nullptr) {
+        close(fd);
+    }
+    return fp;
+}
+
+// A new log file in place of one that is missing. Opened for appending, not
+// truncated: the open runs without the lock, and a file another thread
+// created and wrote to in the meantime keeps its messages.
+FILE* create_log(const char* path) noexcept { return open_regular(path, O_RDWR | O_CREAT | O_APPEND, "a+"); }
+
+// Opens the log file by its state on disk: created when missing, rewritten
+// from the start when already over the limit, appended to otherwise.
+FILE* open_log(const char* path, UTIL_U64 max_size) noexcept {
+    struct stat st;
+    if (stat(path, &st) != 0) {
+        return create_log(path);
+    }
+    if (static_cast<UTIL_U64>(st.st_size) > max_size) {
+        return open_regular(path, O_RDWR, "r+");
+    }
+    return open_regular(path, O_WRONLY | O_CREAT | O_APPEND, "a");
 }
 
 int write_stamped(FILE* fp, const UTIL_CHAR* msg, const util_dbgout_extra_info_t* px) noexcept {
@@ -174,10 +205,25 @@ UTIL_S32 Func_dbgout_dbglog(util_dbgout_dbglog_t* pdbglog, const UTIL_CHAR* msg,
     if (!path_is_terminated(pdbglog)) {
         return 1;
     }
+    // The path is copied out because the lock is not held across the open.
+    char path[kPathSize];
+    std::memcpy(path, pdbglog->log_path, kPathSize);
     if (pdbglog->log_fp == nullptr) {
-        pdbglog->log_fp = open_log(pdbglog);
+        const UTIL_U64 max_size = pdbglog->log_max_size;
+        lock.unlock();
+        FILE* fresh = open_log(path, max_size);
+        lock.lock();
+        if (fresh == nullptr) {
+            return 1;  // cannot open, or not a regular file: the message is dropped
+        }
         if (pdbglog->log_fp == nullptr) {
-            return 1;  // cannot open: the message is dropped
+            pdbglog->log_fp = fresh;
+        } else {
+            std::fclose(fresh);  // another thread opened it meanwhile: share its stream
+        }
+        // A rotation that started meanwhile drops this message like any other.
+        if ((pdbglog->enable & UTIL_DBGOUT_DBGLOG_BUSY) != 0) {
+            return 1;
         }
     }
     FILE* fp = pdbglog->log_fp;
@@ -197,14 +243,23 @@ UTIL_S32 Func_dbgout_dbglog(util_dbgout_dbglog_t* pdbglog, const UTIL_CHAR* msg,
     const long position = std::ftell(fp);
 
     struct stat st;
-    if (stat(pdbglog->log_path, &st) != 0) {
-        // Deleted or moved away while open: start a new file.
+    if (stat(path, &st) != 0) {
+        // Deleted or moved away while open: start a new file, again without
+        // holding the lock across the open.
         std::fclose(fp);
-        pdbglog->log_fp = std::fopen(pdbglog->log_path, "w+e");
+        pdbglog->log_fp = nullptr;
+        lock.unlock();
+        FILE* fresh = create_log(path);
+        lock.lock();
+        if (pdbglog->log_fp == nullptr) {
+            pdbglog->log_fp = fresh;
+        } else if (fresh != nullptr) {
+            std::fclose(fresh);
+        }
         UTIL_DBG_ERR("stat ERR\n");
         return 0;
     }
-    // A stream without a position (a pipe) has no size to keep in check.
+    // A position that cannot be read leaves no size to keep in check.
     if (position < 0 || static_cast<UTIL_U64>(position) <= pdbglog->log_max_size) {
         return dropped ? 1 : 0;
     }

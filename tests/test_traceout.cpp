@@ -1,9 +1,12 @@
 // The trace function and its log-file writer on real files.
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 
 #include <atomic>
+#include <chrono>
+#include <csignal>
 #include <ctime>
 #include <regex>
 #include <thread>
@@ -231,25 +234,88 @@ TEST_F(TraceTest, EnableAndBusyBits) {
     EXPECT_EQ(trace("busy file, syslog still\n"), 0);
 }
 
-// A log file that cannot be opened or written drops the message with status
-// 1 and leaves the record usable.
+// A log path that is no regular file, or a file that cannot be opened or
+// written, drops the message with status 1 and leaves the record usable.
 TEST_F(TraceTest, UnusableLogFilesDropMessages) {
-    use_log("missing-dir/x.log");
-    EXPECT_EQ(trace("nowhere\n"), 1);
-    EXPECT_EQ(dbg()->dbglogAttr.log_fp, nullptr);
+    const std::string fifo = dir_.file("fifo");
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    // With a reader the FIFO opens at once: only the file-type check refuses it.
+    const int reader = open(fifo.c_str(), O_RDONLY | O_NONBLOCK);
+    ASSERT_GE(reader, 0);
+    for (const std::string& path : {dir_.file("missing-dir/x.log"), dir_.path(), std::string("/dev/null"),
+                                    std::string("/dev/full"), fifo}) {
+        attr()->set_dbglog_logPath(path.c_str());
+        EXPECT_EQ(trace("nowhere\n"), 1) << path;
+        EXPECT_EQ(dbg()->dbglogAttr.log_fp, nullptr) << path;
+    }
+    char byte;
+    EXPECT_LE(read(reader, &byte, 1), 0);  // nothing reached the FIFO
+    close(reader);
 
-    attr()->set_dbglog_logPath("/dev/full");
-    EXPECT_EQ(trace("disk full\n"), 1);
-    EXPECT_EQ(trace("disk still full\n"), 1);
+    // A regular file that stops taking writes (here the file-size limit):
+    // each message is dropped, and writing resumes when the file takes more.
+    const std::string log = use_log("limited.log");
+    EXPECT_EQ(trace("ok\n"), 0);
+    struct rlimit saved;
+    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &saved), 0);
+    struct rlimit tight = saved;
+    tight.rlim_cur = 3;
+    const auto old_handler = std::signal(SIGXFSZ, SIG_IGN);
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &tight), 0);
+    const int refused = trace("refused\n");
+    const int refused_again = trace("again\n");
+    setrlimit(RLIMIT_FSIZE, &saved);
+    std::signal(SIGXFSZ, old_handler);
+    EXPECT_EQ(refused, 1);
+    EXPECT_EQ(refused_again, 1);
+    EXPECT_EQ(trace("back\n"), 0);
+    EXPECT_EQ(read_file(log), "ok\nback\n");
     attr()->fclose_dbglog_fp();
 
     // A path written straight into the record without a terminator.
     std::memset(dbg()->dbglogAttr.log_path, 'p', sizeof dbg()->dbglogAttr.log_path);
     EXPECT_EQ(trace("unterminated\n"), 1);
+}
 
-    const std::string log = use_log("ok.log");
-    EXPECT_EQ(trace("recovered\n"), 0);
-    EXPECT_EQ(read_file(log), "recovered\n");
+// A FIFO without a reader at one record's path: opening it for writing would
+// wait for a reader. Neither that record's trace nor another thread's traces
+// to another record and file may wait with it.
+TEST_F(TraceTest, FifoAtTheLogPathStallsNoTrace) {
+    const std::string log = use_log("other.log");
+    util_dbgout_t fifo_record = *dbg();
+    const std::string fifo = dir_.file("fifo.log");
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    std::snprintf(fifo_record.dbglogAttr.log_path, sizeof fifo_record.dbglogAttr.log_path, "%s", fifo.c_str());
+
+    using Clock = std::chrono::steady_clock;
+    const auto start = Clock::now();
+    std::atomic<int> fifo_rc{-2};
+    std::atomic<bool> others_done{false};
+    std::thread into_fifo([&] { fifo_rc = util_ops_pfun->dbgout->traceout(&fifo_record, "into the fifo\n"); });
+    std::thread others([&] {
+        for (int i = 0; i < 20; ++i) trace("other %02d\n", i);
+        others_done = true;
+    });
+    while ((fifo_rc == -2 || !others_done) && Clock::now() - start < std::chrono::seconds(1)) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    const auto elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start);
+    const bool in_time = fifo_rc != -2 && others_done;
+    // Should the open be waiting after all, a reader lets it go so the
+    // threads can be joined.
+    const int reader = open(fifo.c_str(), O_RDONLY | O_NONBLOCK);
+    into_fifo.join();
+    others.join();
+    EXPECT_TRUE(in_time) << "still waiting after " << elapsed.count() << " ms";
+    EXPECT_EQ(fifo_rc, 1);  // dropped
+    EXPECT_EQ(fifo_record.dbglogAttr.log_fp, nullptr);
+    if (fifo_record.dbglogAttr.log_fp != nullptr) std::fclose(fifo_record.dbglogAttr.log_fp);
+    char byte;
+    EXPECT_LE(read(reader, &byte, 1), 0);
+    close(reader);
+    attr()->fclose_dbglog_fp();
+    const std::string text = read_file(log);
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 20);
 }
 
 // Several threads trace while the file rotates many times and another keeps
