@@ -26,6 +26,9 @@ typedef struct UTIL_H26X_SEI_TIM_USER_PARAM_ATTR {
     UTIL_U8 h264_dpb_output_delay_length;
     UTIL_U8 h264_time_offset_length;
     UTIL_U64 init_wait_frame_cnts;
+    /* Called by init_list once on the fresh context, then for every counted
+     * frame. It may change the context; exit_list and init_list of the list
+     * being built return -1 while it runs from init_list. */
     UTIL_S32 (*setTimeCode_callback)(struct UTIL_H26X_SEI_TIM_ATTR* phst);
 } util_h26x_sei_tim_config_param_t;
 

@@ -61,7 +61,9 @@ typedef struct UTIL_OPERATION_STRUCT_LIB_FUNC_NETWORK_FUNCTION {
     /* Deletes the default routes through every listed gateway, then adds one through addr. */
     UTIL_S32 (*set_gateway)(in_addr_t addr);
     UTIL_S32 (*clean_gateway)(void);
-    /* Rewrites the resolver file with two name servers (set_dns adds a fixed public one). */
+    /* Rewrites the resolver file with two name servers (set_dns adds a fixed public one).
+     * A name with a line end or another control character is refused (-1,
+     * "fwrite" message) and the file is left as it was. */
     UTIL_S32 (*set_dns)(UTIL_CHAR* dnsname);
     UTIL_S32 (*set_dns_ex)(UTIL_CHAR* domain_dns, UTIL_CHAR* wifi_dns);
     UTIL_S32 (*get_info)(UTIL_CHAR* ifname, util_net_config_t* netcfg);

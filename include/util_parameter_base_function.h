@@ -34,6 +34,8 @@ typedef struct UTIL_PARAMETER_CLASS_ATTR {
     const UTIL_CHAR* path; /* borrowed: must outlive the list */
     util_parameter_base_one_t* paraList;
     UTIL_S32 paraListMax;
+    /* Called by run_class. It may register and run classes, of its own list
+     * too; exit_list and init_list of the list being run return -1. */
     UTIL_S32 (*setFunc_callback)(struct UTIL_PARAMETER_CLASS_ATTR* pstParameterClass, void** content);
     UTIL_U32 callback_flag;
     pthread_mutex_t used_mutex; /* created and destroyed by the registry, locked only by its users */

@@ -18,7 +18,12 @@ typedef struct UTIL_QUEUE_BASE_NODE_STRUCT {
     struct UTIL_QUEUE_BASE_NODE_STRUCT* next; /* towards the rear; unused by the array queue */
 } util_queue_base_node_t;
 
-/* Any of the callbacks may be null; each operation says what it does then. */
+/* Any of the callbacks may be null; each operation says what it does then.
+ * A callback may read the queue it was called for and use any other
+ * container, but insert, remove, clear, destroy, transfer from or into that
+ * queue, and init_list or exit_list of its list, return -1 while the callback
+ * runs (the calling operation still holds the element it is working on).
+ * While exit_list empties a list, all of its queues count as in use. */
 typedef struct UTIL_QUEUE_BASE_REGISTER_FUNCTION_ATTR {
     UTIL_S32 (*insertNodeData_callback)(util_queue_base_node_t* node, UTIL_QUEUE_BASE_NODE_DATA_TYPE* pdata);
     UTIL_S32 (*removeNodeData_callback)(util_queue_base_node_t* node);

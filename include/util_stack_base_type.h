@@ -18,7 +18,12 @@ typedef struct UTIL_STACK_BASE_NODE_STRUCT {
     struct UTIL_STACK_BASE_NODE_STRUCT* next; /* towards the bottom; unused by the array stack */
 } util_stack_base_node_t;
 
-/* Any of the callbacks may be null; each operation says what it does then. */
+/* Any of the callbacks may be null; each operation says what it does then.
+ * A callback may read the stack it was called for and use any other
+ * container, but insert, remove, clear, destroy, transfer from or into that
+ * stack, and init_list or exit_list of its list, return -1 while the callback
+ * runs (the calling operation still holds the element it is working on).
+ * While exit_list empties a list, all of its stacks count as in use. */
 typedef struct UTIL_STACK_BASE_REGISTER_FUNCTION_ATTR {
     UTIL_S32 (*insertNodeData_callback)(util_stack_base_node_t* node, UTIL_STACK_BASE_NODE_DATA_TYPE* pdata);
     UTIL_S32 (*removeNodeData_callback)(util_stack_base_node_t* node);

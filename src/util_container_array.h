@@ -12,14 +12,20 @@ namespace quillane::container {
 // including, `tail`, and one slot always stays free. Indices never reach
 // nodeMax, so a compare stands in for the remainder; with a nodeMax of 0 (an
 // entry init_list could not equip) both stay 0 and the ring is always empty.
+// The record is public: a ring whose caller wrote an index at or past
+// nodeMax holds no elements and takes none (insert and transfers into it
+// answer 1), so no slot outside the array is ever touched.
 template <class C>
 struct RingSlots {
     using Node = std::remove_pointer_t<decltype(C::pnode)>;
 
+    static bool broken(const C* c) noexcept { return c->head >= c->nodeMax || c->tail >= c->nodeMax; }
     static UTIL_U32 next(const C* c, UTIL_U32 index) noexcept { return index + 1 == c->nodeMax ? 0 : index + 1; }
-    static bool empty(const C* c) noexcept { return c->head == c->tail; }
+    static bool empty(const C* c) noexcept { return c->head == c->tail || broken(c); }
     static bool full(const C* c) noexcept { return next(c, c->tail) == c->head; }
+    static bool can_enter(const C* c) noexcept { return !broken(c); }
     static UTIL_U32 count(const C* c) noexcept {
+        if (broken(c)) return 0;
         return c->tail >= c->head ? c->tail - c->head : c->nodeMax - c->head + c->tail;
     }
     static UTIL_U32 entry(const C* c) noexcept { return c->tail; }
@@ -46,14 +52,16 @@ struct RingSlots {
 };
 
 // The array stack: the elements lie in slots 0 to top - 1, the newest last,
-// and positions count from the newest.
+// and positions count from the newest. A `top` that a caller raised past
+// nodeMax makes the stack hold nothing and take nothing, as for the ring.
 template <class C>
 struct StackSlots {
     using Node = std::remove_pointer_t<decltype(C::pnode)>;
 
-    static bool empty(const C* c) noexcept { return c->top == 0; }
-    static bool full(const C* c) noexcept { return c->top == c->nodeMax; }
-    static UTIL_U32 count(const C* c) noexcept { return c->top; }
+    static bool empty(const C* c) noexcept { return c->top == 0 || c->top > c->nodeMax; }
+    static bool full(const C* c) noexcept { return c->top >= c->nodeMax; }
+    static bool can_enter(const C*) noexcept { return true; }  // full() already says it
+    static UTIL_U32 count(const C* c) noexcept { return c->top <= c->nodeMax ? c->top : 0; }
     static UTIL_U32 entry(const C* c) noexcept { return c->top; }
     static UTIL_U32 entry_after(const C* c) noexcept { return c->top < c->nodeMax ? c->top + 1 : c->top; }
     static void enter(C* c, UTIL_U32 after) noexcept { c->top = after; }
@@ -67,7 +75,7 @@ struct StackSlots {
         return static_cast<UTIL_S32>(c->top - slot - 1);
     }
     static bool slot_of_position(const C* c, UTIL_S32 position, UTIL_U32* slot) noexcept {
-        if (position < 0 || static_cast<UTIL_U32>(position) >= c->top) return false;
+        if (position < 0 || static_cast<UTIL_U32>(position) >= count(c)) return false;
         *slot = c->top - static_cast<UTIL_U32>(position) - 1;
         return true;
     }
@@ -124,12 +132,13 @@ struct Array {
     // Without an insert callback the slot keeps whatever data it held.
     static Put insert(C* c, Data* pdata) noexcept {
         if (c->nodeMax == 0) return Put::zero_slots;
-        if (Slots::full(c)) return Put::nothing;
+        if (Slots::full(c) || !Slots::can_enter(c)) return Put::nothing;
         const UTIL_U32 at = Slots::entry(c);
         const UTIL_U32 after = Slots::entry_after(c);
         if (auto fill = c->fun.insertNodeData_callback; fill != nullptr) {
             Node* slot = &c->pnode[at];
             slot->data = nullptr;
+            const reentry::Scope busy(c);
             fill(slot, pdata);
         }
         Slots::enter(c, after);
@@ -141,7 +150,7 @@ struct Array {
         if (Slots::empty(c)) return 1;
         const UTIL_U32 at = Slots::leave_begin(c);
         const UTIL_U32 after = Slots::leave_after(c);
-        release(c->fun, &c->pnode[at]);
+        release(c, &c->pnode[at]);
         Slots::leave_end(c, after);
         return 0;
     }
@@ -159,6 +168,7 @@ struct Array {
     }
 
     static UTIL_S32 search(const C* c, Data* key) noexcept {
+        const reentry::Scope busy(c);
         const UTIL_U32 n = Slots::count(c);
         for (UTIL_U32 k = 0; k < n; ++k) {
             const UTIL_U32 slot = Slots::slot_of_element(c, k);
@@ -168,6 +178,7 @@ struct Array {
     }
 
     static void display(const C* c) noexcept {
+        const reentry::Scope busy(c);
         const UTIL_U32 n = Slots::count(c);
         for (UTIL_U32 k = 0; k < n; ++k) container::display(c->fun, &c->pnode[Slots::slot_of_element(c, k)]);
     }
@@ -187,18 +198,23 @@ struct Array {
     static Put transfer(C* out, C* in) noexcept {
         if (Slots::empty(out)) return Put::nothing;
         if (in->nodeMax == 0) return Put::zero_slots;
-        if (in != out && Slots::full(in)) return Put::nothing;
+        if ((in != out && Slots::full(in)) || !Slots::can_enter(in)) return Put::nothing;
         const UTIL_U32 from = Slots::leave_begin(out);
         const UTIL_U32 from_after = Slots::leave_after(out);
         const UTIL_U32 to = Slots::entry(in);
         const UTIL_U32 to_after = Slots::entry_after(in);
-        if (auto move = transfer_callback(out->fun, in->fun); move != nullptr) move(&out->pnode[from], &in->pnode[to]);
+        if (auto move = transfer_callback(out->fun, in->fun); move != nullptr) {
+            const reentry::Scope busy_out(out);
+            const reentry::Scope busy_in(in);
+            move(&out->pnode[from], &in->pnode[to]);
+        }
         Slots::leave_end(out, from_after);
         Slots::enter(in, to_after);
         return Put::done;
     }
 
     static void release_list(C* array, UTIL_S32 n) noexcept {
+        const reentry::Scope busy(array, array_bytes<C>(n));
         for (UTIL_S32 i = 0; i < n; ++i) {
             clear(&array[i]);
             mem_free(array[i].pnode);
@@ -260,6 +276,7 @@ struct Array {
     QUILLANE_CONTAINER_SIMPLE(NAME, UTIL_S32, display, -1, (Ops::display(pcontainer), 0))                         \
     UTIL_S32 Func_##NAME##_insert(Container* pcontainer, Ops::Data* pdata) noexcept {                             \
         QUILLANE_CONTAINER_REQUIRE(NAME, pcontainer, -1);                                                         \
+        QUILLANE_CONTAINER_REQUIRE_IDLE(NAME, pcontainer);                                                        \
         const Put put = Ops::insert(pcontainer, pdata);                                                           \
         if (put == Put::zero_slots) {                                                                             \
             UTIL_DBG_ERR("error: " #NAME " nodeMax:%d <=0!\n", static_cast<int>(pcontainer->nodeMax));            \
@@ -268,6 +285,8 @@ struct Array {
     }                                                                                                             \
     UTIL_S32 Func_##NAME##_transfer(Container* pout, Container* pin) noexcept {                                   \
         QUILLANE_CONTAINER_REQUIRE_PAIR(NAME, OUT, IN, pout, pin);                                                \
+        QUILLANE_CONTAINER_REQUIRE_IDLE(NAME, pout);                                                              \
+        QUILLANE_CONTAINER_REQUIRE_IDLE(NAME, pin);                                                               \
         const Put put = Ops::transfer(pout, pin);                                                                 \
         if (put == Put::zero_slots) {                                                                             \
             UTIL_DBG_ERR("error: " #NAME ", " IN " nodeMax:%d <=0!\n", static_cast<int>(pin->nodeMax));           \
@@ -283,7 +302,7 @@ struct Array {
         QUILLANE_CONTAINER_REQUIRE(NAME, pcontainer, -1);                                                         \
         if (Ops::is_empty(pcontainer)) return 1;                                                                  \
         Node* slot = Ops::slot_at(pcontainer, position);                                                          \
-        if (slot != nullptr) return ::quillane::container::modify(pcontainer->fun, slot, pdata);                  \
+        if (slot != nullptr) return ::quillane::container::modify(pcontainer, slot, pdata);                  \
         UTIL_DBG_ERR("error: " #KIND " " QUILLANE_WHERE_FMT_##SLOTS ", position=%d!\n",                           \
                      QUILLANE_WHERE_##SLOTS(pcontainer), position);                                               \
         return -1;                                                                                                \

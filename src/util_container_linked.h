@@ -85,7 +85,10 @@ struct Linked {
         auto* node = static_cast<Node*>(mem_malloc(sizeof(Node)));
         if (node == nullptr) return false;
         node->data = nullptr;
-        if (c->fun.insertNodeData_callback != nullptr) c->fun.insertNodeData_callback(node, pdata);
+        if (auto fill = c->fun.insertNodeData_callback; fill != nullptr) {
+            const reentry::Scope busy(c);
+            fill(node, pdata);
+        }
         Links::join(c, node);
         c->count = count_up(c->count);
         return true;
@@ -95,7 +98,7 @@ struct Linked {
         Node* node = Links::exit_end(c);
         if (node == nullptr) return 1;
         Node* next = node->next;
-        release(c->fun, node);
+        release(c, node);
         Links::leave(c, next);
         mem_free(node);
         c->count = count_down(c->count);
@@ -115,6 +118,7 @@ struct Linked {
 
     // The position of the first match counted from the leaving end, or -1.
     static UTIL_S32 search(const C* c, Data* key) noexcept {
+        const reentry::Scope busy(c);
         UTIL_S32 position = 0;
         for (Node* node = Links::exit_end(c); node != nullptr; node = node->next, ++position) {
             if (matches(c->fun, node, key)) return position;
@@ -123,6 +127,7 @@ struct Linked {
     }
 
     static void display(const C* c) noexcept {
+        const reentry::Scope busy(c);
         for (Node* node = Links::exit_end(c); node != nullptr; node = node->next) {
             container::display(c->fun, node);
         }
@@ -162,7 +167,11 @@ struct Linked {
     static UTIL_S32 transfer(C* out, C* in) noexcept {
         Node* node = Links::exit_end(out);
         if (node == nullptr) return 1;
-        if (auto move = transfer_callback(out->fun, in->fun); move != nullptr) move(node, Links::entry_end(in));
+        if (auto move = transfer_callback(out->fun, in->fun); move != nullptr) {
+            const reentry::Scope busy_out(out);
+            const reentry::Scope busy_in(in);
+            move(node, Links::entry_end(in));
+        }
         Links::leave(out, node->next);
         out->count = count_down(out->count);
         Links::join(in, node);
@@ -171,6 +180,7 @@ struct Linked {
     }
 
     static void release_list(C* array, UTIL_S32 n) noexcept {
+        const reentry::Scope busy(array, array_bytes<C>(n));
         for (UTIL_S32 i = 0; i < n; ++i) clear(&array[i]);
         mem_free(array);
     }
@@ -211,12 +221,15 @@ struct Linked {
     }                                                                                                         \
     UTIL_S32 Func_##NAME##_insert(Container* pcontainer, Ops::Data* pdata) noexcept {                         \
         QUILLANE_CONTAINER_REQUIRE(NAME, pcontainer, -1);                                                     \
+        QUILLANE_CONTAINER_REQUIRE_IDLE(NAME, pcontainer);                                                    \
         if (Ops::insert(pcontainer, pdata)) return 0;                                                         \
         UTIL_DBG_ERR("malloc " #KIND " fail!\n");                                                             \
         return -1;                                                                                            \
     }                                                                                                         \
     UTIL_S32 Func_##NAME##_transfer(Container* pout, Container* pin) noexcept {                               \
         QUILLANE_CONTAINER_REQUIRE_PAIR(NAME, OUT, IN, pout, pin);                                            \
+        QUILLANE_CONTAINER_REQUIRE_IDLE(NAME, pout);                                                          \
+        QUILLANE_CONTAINER_REQUIRE_IDLE(NAME, pin);                                                           \
         return Ops::transfer(pout, pin);                                                                      \
     }                                                                                                         \
     UTIL_S32 Func_##NAME##_search(Container* pcontainer, Ops::Data* pdata) noexcept {                         \
@@ -251,7 +264,7 @@ struct Linked {
         UTIL_S32 result = 0;                                                                                  \
         Node* node = Func_##NAME##_getNode(pcontainer, position, &result);                                    \
         if (result == -1) UTIL_DBG_ERR("error: search position=%d failed!!\n", position);                     \
-        return result != 0 ? result : ::quillane::container::modify(pcontainer->fun, node, pdata);            \
+        return result != 0 ? result : ::quillane::container::modify(pcontainer, node, pdata);            \
     }                                                                                                         \
     Ops::Data* Func_##NAME##_getNodeData(Container* pcontainer, UTIL_S32 position) noexcept {                 \
         QUILLANE_CONTAINER_REQUIRE(NAME, pcontainer, nullptr);                                                \

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <bit>
+#include <climits>
 #include <cstdint>
 #include <cstring>
 #include <ctime>
@@ -16,6 +17,7 @@
 #include "util_h26x_base_internal.h"
 #include "util_h26x_high_seiTimeCode_internal.h"
 #include "util_msg.h"
+#include "util_reentry.h"
 
 using quillane::kSeiDataSize;
 
@@ -35,8 +37,21 @@ constexpr UTIL_S32 kH264 = ENUM_UTIL_H264_STREAM_TYPE;
 constexpr UTIL_S32 kH265 = ENUM_UTIL_H265_STREAM_TYPE;
 constexpr int kCheckPeriodSeconds = 1800;
 
-// The whole frame rate: 2997 counts as 30, 5994 as 60.
-UTIL_S32 whole_fps(const util_h26x_sei_tim_t* phst) noexcept { return (phst->config_param.max_fps_x100 + 50) / 100; }
+// The whole frame rate: 2997 counts as 30, 5994 as 60. Rounded in 64 bits, so
+// that any rate a caller can configure (up to INT_MAX) has its whole rate.
+UTIL_S32 whole_fps(const util_h26x_sei_tim_t* phst) noexcept {
+    return static_cast<UTIL_S32>((static_cast<std::int64_t>(phst->config_param.max_fps_x100) + 50) / 100);
+}
+
+// The drift rounded to whole frames. A drift too large for an int (a period
+// start the caller wrote into the record, a frame counter near its end) is
+// out of step all the same: it is held at the int's ends.
+int round_drift(float drift) noexcept {
+    const double rounded = static_cast<double>(drift) + 0.5;
+    if (rounded >= 2147483647.0) return INT_MAX;
+    if (rounded <= -2147483648.0) return INT_MIN;
+    return static_cast<int>(rounded);
+}
 
 bool is_h264(const util_h26x_sei_tim_t* phst) noexcept { return phst->config_param.h26x_type == kH264; }
 bool is_h265(const util_h26x_sei_tim_t* phst) noexcept { return phst->config_param.h26x_type == kH265; }
@@ -190,13 +205,17 @@ UTIL_S32 Func_h26x_high_correct_tv_sei_sync_local_time_diffence_func(util_h26x_s
     }
     struct timeval now;
     gettimeofday(&now, nullptr);
-    const std::int64_t elapsed_ms = (static_cast<std::int64_t>(now.tv_sec) - cal.latest_time.tv_sec) * 1000 +
-                                    (static_cast<std::int64_t>(now.tv_usec) - cal.latest_time.tv_usec) / 1000;
+    // latest_time lives in the caller's record and may hold any value: in 128
+    // bits neither the elapsed time nor its product with the rate can
+    // overflow, and for every real period they equal the 64-bit results.
+    using Wide = __int128;
+    const Wide elapsed_ms = (static_cast<Wide>(now.tv_sec) - cal.latest_time.tv_sec) * 1000 +
+                            (static_cast<Wide>(now.tv_usec) - cal.latest_time.tv_usec) / 1000;
     // Frames counted beyond what the exact rate (29.97, not 30) expects.
-    const std::int64_t product = static_cast<std::int64_t>(phst->config_param.max_fps_x100) * elapsed_ms;
+    const Wide product = static_cast<Wide>(phst->config_param.max_fps_x100) * elapsed_ms;
     const float expected = static_cast<float>(product) / 1000.0f / 100.0f;
     const float drift = static_cast<float>(cal.real_frame_cnt) - expected;
-    const int diff = static_cast<int>(static_cast<double>(drift) + 0.5);
+    const int diff = round_drift(drift);
     const UTIL_S32 fps = whole_fps(phst);
 
     if (diff >= -1 && diff <= 1) {
@@ -651,11 +670,24 @@ UTIL_S32 Func_h26x_high_sei_video_fill_timecode_function(util_h26x_sei_tim_t* ph
 
 // ---- the list of contexts ----
 
+// The callbacks that init_list calls may adjust their fresh context but not
+// release or rebuild the list being made, whose array init_list still fills:
+// such a call is refused with -1. A macro, so that the trace names the
+// operation that refuses.
+#define REFUSE_FROM_CALLBACK(phstList)                                            \
+    do {                                                                          \
+        if (quillane::reentry::covered(phstList)) {                               \
+            UTIL_TRACE("error: phstList is in use by a setTimeCode_callback!\n"); \
+            return -1;                                                            \
+        }                                                                         \
+    } while (0)
+
 UTIL_S32 Func_h26x_high_sei_timing_exit_list_function(util_list_h26x_sei_tim_t* phstList) noexcept {
     if (phstList == nullptr) {
         UTIL_TRACE("error: phstList is NULL!\n");
         return -1;
     }
+    REFUSE_FROM_CALLBACK(phstList);
     quillane::mem_free(phstList->ph26xSeiTim);
     phstList->ph26xSeiTim = nullptr;
     UTIL_TRACE("free succeed, num;%d\n", phstList->h26xSeiTimMax);
@@ -670,6 +702,7 @@ UTIL_S32 Func_h26x_high_sei_timing_init_list_function(util_list_h26x_sei_tim_t* 
         UTIL_TRACE("error: phstList or phstcp is NULL, max:%d!!!\n", hstcpMax);
         return -1;
     }
+    REFUSE_FROM_CALLBACK(phstList);
     if (phstList->ph26xSeiTim != nullptr) {
         Func_h26x_high_sei_timing_exit_list_function(phstList);
     }
@@ -683,6 +716,7 @@ UTIL_S32 Func_h26x_high_sei_timing_init_list_function(util_list_h26x_sei_tim_t* 
     phstList->ph26xSeiTim = contexts;
     phstList->h26xSeiTimMax = hstcpMax;
     UTIL_TRACE("malloc succeed, stcp num;%d\n", hstcpMax);
+    const quillane::reentry::Scope busy(phstList);
     for (UTIL_S32 i = 0; i < hstcpMax; ++i) {
         util_h26x_sei_tim_t& ctx = contexts[i];
         std::memset(&ctx, 0, sizeof ctx);
@@ -699,6 +733,8 @@ UTIL_S32 Func_h26x_high_sei_timing_init_list_function(util_list_h26x_sei_tim_t* 
     }
     return 0;
 }
+
+#undef REFUSE_FROM_CALLBACK
 
 }  // namespace
 

@@ -341,12 +341,29 @@ UTIL_S32 Func_net_set_gateway(in_addr_t addr) noexcept {
 
 // ---- the resolver file ----
 
+// True when text holds a control character (C0 or DEL). Compared as
+// unsigned bytes, so UTF-8 bytes above 0x7F never count, whatever the
+// signedness of char.
+bool has_control_character(const UTIL_CHAR* text) noexcept {
+    for (const auto* p = reinterpret_cast<const unsigned char*>(text); *p != 0; ++p) {
+        if (*p < 0x20 || *p == 0x7F) return true;
+    }
+    return false;
+}
+
 // Rewrites the resolver file with two name-server lines. Lines that would not
 // fit the 128-byte text are refused before the file is touched, so it is never
-// rewritten with a cut address. The stream is unbuffered so that the one
-// fwrite is the one write to the file and its result tells whether anything
-// reached the file.
+// rewritten with a cut address. So is a text with a line end or any other
+// control character: it would add lines of its own ("options", "search") to
+// a file every resolver of the system reads. Nothing is written then, which
+// is reported as a write that wrote nothing. The stream is unbuffered so that
+// the one fwrite is the one write to the file and its result tells whether
+// anything reached the file.
 Fail rewrite_resolver(const UTIL_CHAR* first, const UTIL_CHAR* second) noexcept {
+    if (has_control_character(first) || has_control_character(second)) {
+        errno = EINVAL;
+        return Fail::kSecond;
+    }
     char text[kResolverTextSize] = {};
     const int n = std::snprintf(text, sizeof text, "nameserver %s\nnameserver %s\n", first, second);
     if (n < 0 || static_cast<std::size_t>(n) >= sizeof text) {

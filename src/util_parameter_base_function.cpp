@@ -11,6 +11,7 @@
 #include "util_alloc.h"
 #include "util_msg.h"
 #include "util_parameter_base_internal.h"
+#include "util_reentry.h"
 
 namespace {
 
@@ -20,6 +21,27 @@ constexpr const char* kDetailMarker = "/dev/util_parameter_base";
 bool detail_marker_present() noexcept {
     struct stat st;
     return stat(kDetailMarker, &st) == 0;
+}
+
+// A class callback may register callbacks and flags and run classes, of its
+// own list too, but may not release or rebuild the list that is running it:
+// run_class still holds the class array. Such a call is refused with -1; a
+// macro, so that the message names the operation that refuses.
+#define REFUSE_WHILE_RUNNING(pclassList)                                       \
+    do {                                                                       \
+        if (quillane::reentry::covered(pclassList)) {                          \
+            UTIL_TRACE("error: pclassList is in use by a class callback!\n");  \
+            return -1;                                                         \
+        }                                                                      \
+    } while (0)
+
+// A class that claims parameters but has no array to copy them from cannot
+// be copied; the whole list is refused before anything is touched.
+bool has_missing_parameters(const util_parameter_class_t* ppc, UTIL_S32 pcMax) noexcept {
+    for (UTIL_S32 i = 0; i < pcMax; ++i) {
+        if (ppc[i].paraListMax > 0 && ppc[i].paraList == nullptr) return true;
+    }
+    return false;
 }
 
 // Frees the heap a class owns. Its mutex is left to the caller, which alone
@@ -88,6 +110,7 @@ UTIL_S32 Func_parameter_base_exit_list_function(util_list_parameter_class_t* pcl
         UTIL_TRACE("error: pclassList is NULL!\n");
         return -1;
     }
+    REFUSE_WHILE_RUNNING(pclassList);
     if (pclassList->pclass != nullptr) {
         for (UTIL_S32 i = 0; i < pclassList->classMax; ++i) {
             util_parameter_class_t& cls = pclassList->pclass[i];
@@ -105,10 +128,11 @@ UTIL_S32 Func_parameter_base_exit_list_function(util_list_parameter_class_t* pcl
 
 UTIL_S32 Func_parameter_base_init_list_function(util_list_parameter_class_t* pclassList, util_parameter_class_t* ppc,
                                                 UTIL_S32 pcMax) noexcept {
-    if (pclassList == nullptr || ppc == nullptr || pcMax < 1) {
+    if (pclassList == nullptr || ppc == nullptr || pcMax < 1 || has_missing_parameters(ppc, pcMax)) {
         UTIL_TRACE("error: pclassList or ppc is NULL, max:%d!!!\n", pcMax);
         return -1;
     }
+    REFUSE_WHILE_RUNNING(pclassList);
     if (pclassList->pclass != nullptr) {
         Func_parameter_base_exit_list_function(pclassList);
     }
@@ -264,6 +288,7 @@ UTIL_S32 Func_parameter_base_run_class_function(util_list_parameter_class_t* pcl
     const Check c = check_class(pclassList, classIndex);
     REFUSE_ON_FAILED_CHECK(c, classIndex, 0)
     UTIL_S32 result = 0;
+    const quillane::reentry::Scope busy(pclassList);
     const Span span = classes_of(pclassList, classIndex);
     for (UTIL_S32 i = span.first; i < span.end; ++i) {
         util_parameter_class_t* cls = &pclassList->pclass[i];
@@ -332,6 +357,7 @@ UTIL_S32 Func_parameter_base_register_class_flag(util_list_parameter_class_t* pc
 }
 
 #undef REFUSE_ON_FAILED_CHECK
+#undef REFUSE_WHILE_RUNNING
 
 }  // namespace
 

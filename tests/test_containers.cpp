@@ -101,6 +101,86 @@ TYPED_TEST(Containers, EachTemplateBringsItsOwnCallbacks) {
     EXPECT_EQ(ops->exit_list(&list), 0);
 }
 
+// Callbacks that, the first time any of them runs, try every operation that
+// would add, take out, move or free elements of their own container (the
+// first of a list of two), then read it, then do their usual work.
+template <class K>
+struct Meddling {
+    using N = typename K::Node;
+    static inline typename K::L* list = nullptr;
+    static inline bool armed = false;
+    static inline std::vector<int> results;
+
+    static void meddle() {
+        if (!armed) return;
+        armed = false;
+        auto* ops = K::ops();
+        typename K::C* self = &K::array(*list)[0];
+        typename K::C* other = &K::array(*list)[1];
+        typename K::C* doomed = self;
+        typename K::C templates[2] = {*self, *other};
+        int v = 99;
+        results = {ops->insert(self, &v),       ops->remove(self),         ops->clear(self),
+                   ops->transfer(self, other),  ops->transfer(other, self), ops->destroy(&doomed),
+                   ops->exit_list(list),        ops->init_list(list, templates, 2),
+                   doomed == self,              ops->getNodeData(self, 0) != nullptr};
+    }
+    static UTIL_S32 insert(N* n, void* d) { return meddle(), on_insert<N>(n, d); }
+    static UTIL_S32 remove(N* n) { return meddle(), on_remove<N>(n); }
+    static UTIL_S32 search(N* n, void* d) { return meddle(), on_search<N>(n, d); }
+    static UTIL_S32 modify(N* n, void* d) { return meddle(), on_modify<N>(n, d); }
+    static UTIL_S32 transfer(N* out, N* in) { return meddle(), on_transfer<N, !K::linked>(out, in); }
+    static UTIL_S32 display(N* n) { return meddle(), on_display<N>(n); }
+};
+
+// A callback may read its own container but not change its elements: every
+// such call is refused with -1 and its message, and the operation that
+// called the callback finishes with the container whole. Rows: the operation
+// that calls the callback, and the size of its container afterwards.
+TYPED_TEST(Containers, CallbacksCannotChangeTheirOwnContainer) {
+    using K = TypeParam;
+    using M = Meddling<K>;
+    auto* ops = K::ops();
+    const typename K::Fun fun = {M::insert, M::remove, M::search, M::modify, M::transfer, M::display};
+    int four = 4;
+    struct Row {
+        const char* what;
+        UTIL_S32 (*call)(typename K::L*, int*);
+        int size;
+    } rows[] = {
+        {"insert", [](typename K::L* l, int* v) { return K::ops()->insert(&K::array(*l)[0], v); }, 4},
+        {"remove", [](typename K::L* l, int*) { return K::ops()->remove(&K::array(*l)[0]); }, 2},
+        {"search", [](typename K::L* l, int* v) { return K::ops()->search(&K::array(*l)[0], v) == -1 ? 0 : 1; }, 3},
+        {"modify", [](typename K::L* l, int* v) { return K::ops()->modify(&K::array(*l)[0], 0, v) == 6 ? 0 : 1; }, 3},
+        {"transfer", [](typename K::L* l, int*) { return K::ops()->transfer(&K::array(*l)[0], &K::array(*l)[1]); }, 2},
+        {"display", [](typename K::L* l, int*) { return K::ops()->display(&K::array(*l)[0]); }, 3},
+        {"clear", [](typename K::L* l, int*) { return K::ops()->clear(&K::array(*l)[0]); }, 0},
+        {"exit_list", [](typename K::L* l, int*) { return K::ops()->exit_list(l); }, -1},
+    };
+    std::string refusals;
+    for (const char* op : {"insert", "remove", "clear", "transfer", "transfer", "destroy", "exit_list", "init_list"}) {
+        refusals += err<K>(op, "error: " + std::string(K::name) + " is in use by a callback!\n");
+    }
+    for (const Row& row : rows) {
+        typename K::C templates[2] = {K::make(fun, 8), K::make(owning_callbacks<K>(), 8)};
+        typename K::L list{};
+        ASSERT_EQ(ops->init_list(&list, templates, 2), 0);
+        for (int v : {1, 2, 3}) ASSERT_EQ(ops->insert(&K::array(list)[0], &v), 0);
+        ASSERT_EQ(ops->insert(&K::array(list)[1], &four), 0);
+        M::list = &list;
+        M::armed = true;
+        EXPECT_THAT(console([&] { EXPECT_EQ(row.call(&list, &four), 0) << row.what; }), FullyMatches(refusals))
+            << row.what;
+        EXPECT_EQ(M::results, (std::vector<int>{-1, -1, -1, -1, -1, -1, -1, -1, 1, 1})) << row.what;
+        if (row.size >= 0) {
+            EXPECT_EQ(ops->getSize(&K::array(list)[0]), row.size) << row.what;
+            EXPECT_EQ(ops->exit_list(&list), 0);
+        }
+        EXPECT_EQ(g.broken, 0) << row.what;
+        EXPECT_TRUE(g.live.empty()) << row.what;  // every element released once, none lost
+    }
+}
+
 template <class K>
 using Linked = ContainerTest<K>;
 using LinkedKinds = ::testing::Types<LinkedQueue, LinkedStack>;
@@ -192,6 +272,41 @@ TYPED_TEST(Arrays, ContainersWithoutSlotsRefuseElements) {
     EXPECT_EQ(ops->remove(bare) + ops->getSize(bare) + ops->search(bare, &v) + ops->display(bare), 0);
     EXPECT_EQ(ops->exit_list(&list), 0);
     EXPECT_TRUE(g.live.empty());
+}
+
+// The indices are public fields. Written past the slots, they make the
+// container hold nothing and take nothing: nothing reaches outside the
+// array, and the element comes back once the index is put right.
+TYPED_TEST(Arrays, IndicesPastTheSlotsTouchNothing) {
+    using K = TypeParam;
+    auto* ops = K::ops();
+    typename K::C tmpl = K::make(owning_callbacks<K>(), 4);
+    typename K::C* c = ops->create(&tmpl);
+    int v = 1;
+    ASSERT_EQ(ops->insert(c, &v), 0);
+    UTIL_U32* fields[2];
+    if constexpr (K::fifo) {
+        fields[0] = &c->tail;
+        fields[1] = &c->head;
+    } else {
+        fields[0] = fields[1] = &c->top;
+    }
+    for (auto [field, bad] : {std::pair{fields[0], 5u}, {fields[0], UINT32_MAX}, {fields[1], 4u + !K::fifo}}) {
+        const UTIL_U32 good = *field;
+        *field = bad;
+        EXPECT_EQ(ops->isEmpty(c), UTIL_TRUE) << bad;
+        EXPECT_EQ(console([&] {
+                      EXPECT_EQ(ops->insert(c, &v) + ops->remove(c) + ops->transfer(c, c) + ops->modify(c, 0, &v), 4);
+                      EXPECT_EQ(ops->getSize(c) + ops->search(c, &v) + ops->display(c) + ops->clear(c), -1);
+                      EXPECT_EQ(ops->getNodeData(c, 0), nullptr);
+                  }),
+                  "");
+        *field = good;
+    }
+    EXPECT_EQ(value(ops->getNodeData(c, 0)), 1);
+    ops->destroy(&c);
+    EXPECT_TRUE(g.live.empty());
+    EXPECT_EQ(g.broken, 0);
 }
 
 // Of 8 slots the ring fills 7 and the stack all 8. Once the ring has wrapped

@@ -428,6 +428,47 @@ TEST_F(PrivateNetwork, SummaryOfAnInterface) {
     EXPECT_EQ(qtest::read_file("/etc/resolv.conf"), "nameserver 10.1.0.53\n");
 }
 
+// The resolver file is read by every program on the device: a name server
+// text with a line end (or any other control character) would add lines of
+// its own, so it is refused with the write failure's message and the file
+// is left as it was. Bytes above 0x7F are not control characters.
+TEST_F(PrivateNetwork, ResolverLinesRefuseControlCharacters) {
+    const std::string before = "search example\nnameserver 10.9.9.9\n";
+    stand_in("/etc/resolv.conf", before);
+    struct Row {
+        const char* first;
+        const char* second;  // null: set_dns
+        bool written;
+    } rows[] = {
+        {"10.0.0.1\noptions ndots:15\nsearch evil.example", "10.0.0.2", false},
+        {"10.0.0.1", "10.0.0.2\r", false},
+        {"10.0.0.1\t", nullptr, false},
+        {"\x1b[2J10.0.0.1", nullptr, false},
+        {"10.0.0.1", "10.0.0.\x7f", false},
+        {"10.0.0.1", "caf\xc3\xa9", true},
+        {"10.0.0.3", nullptr, true},
+    };
+    for (const Row& row : rows) {
+        qtest::write_file("/etc/resolv.conf", before);
+        testing::internal::CaptureStderr();
+        const int rc = row.second != nullptr ? net->set_dns_ex(name(row.first), name(row.second))
+                                             : net->set_dns(name(row.first));
+        const std::string err = testing::internal::GetCapturedStderr();
+        if (row.written) {  // set_dns adds the library's own second server
+            EXPECT_EQ(rc, 0) << row.first;
+            EXPECT_EQ(err, "");
+            const std::string second = row.second != nullptr ? row.second + std::string("\n") : "[0-9.]+\n";
+            EXPECT_THAT(qtest::read_file("/etc/resolv.conf"),
+                        FullyMatches("nameserver " + std::string(row.first) + "\nnameserver " + second));
+        } else {
+            const char* op = row.second != nullptr ? "Func_net_set_dns_ex" : "Func_net_set_dns";
+            EXPECT_EQ(rc, -1) << row.first;
+            EXPECT_THAT(err, FullyMatches(net_error(op, op + std::string(" fwrite\n"))));
+            EXPECT_EQ(qtest::read_file("/etc/resolv.conf"), before);
+        }
+    }
+}
+
 TEST_F(PrivateNetwork, NamesResolvedFromStandInHostsFile) {
     // Only the hosts file answers, so unknown names fail the same way everywhere.
     stand_in("/etc/nsswitch.conf", "hosts: files\n");

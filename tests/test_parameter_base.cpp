@@ -101,7 +101,10 @@ TEST_F(ParameterTest, ReinitRefusalsFailuresAndReleaseTraceInOrder) {
     build();
     util_parameter_class_t one[1] = {{"/one", nullptr, 0, nullptr, 0, {}, 0, 0}};
     ASSERT_EQ(reg()->init_list(&list_, one, 1), 0);  // LeakSanitizer: the old text copy is freed
-    for (auto [list, ppc, max] : {std::tuple{&list_, one, 0}, {&list_, one, -3}, {&list_, nullptr, 1}, {nullptr, one, 1}}) {
+    // A class that claims parameters without an array of them is refused too.
+    util_parameter_class_t hollow[1] = {{"/hollow", nullptr, 2, nullptr, 0, {}, 0, 0}};
+    for (auto [list, ppc, max] : {std::tuple{&list_, one, 0}, {&list_, one, -3}, {&list_, nullptr, 1}, {nullptr, one, 1},
+                                  {&list_, hollow, 1}}) {
         EXPECT_EQ(reg()->init_list(list, ppc, max), -1);
     }
     EXPECT_EQ(dump(list_), "/one 0 0 0 0 0 [] ");
@@ -126,7 +129,7 @@ TEST_F(ParameterTest, ReinitRefusalsFailuresAndReleaseTraceInOrder) {
                              size_line() + L("exit_list_function", "free succeed, num;3") +
                              L(init, "malloc succeed, pc num;1") + L(init, "malloc succeed, strlist num;0") +
                              size_line() + L(init, refused + "0!!!") + L(init, refused + "-3!!!") +
-                             L(init, refused + "1!!!") + L(init, refused + "1!!!") +
+                             L(init, refused + "1!!!") + L(init, refused + "1!!!") + L(init, refused + "1!!!") +
                              L("exit_list_function", "free succeed, num;1") + L(init, "malloc succeed, pc num;2") +
                              L(init, "malloc succeed, strlist num;0") + L(init, "error, malloc failed!!!") +
                              L("exit_list_function", "free succeed, num;5") +
@@ -175,6 +178,34 @@ TEST_F(ParameterTest, RunClassCallsOneOrEveryClassAndReturnsTheLastResult) {
                                          L(run, "kiv: classIndex=-1, i=0, pfun:NULL") +
                                          L(run, "kiv: classIndex=-1, i=1, pfun:NULL") +
                                          L(run, "kiv: classIndex=-1, i=2, pfun:NULL")));
+}
+
+// A class callback may register and run classes of the list running it, but
+// releasing or rebuilding that list is refused: run_class still walks it.
+std::vector<int> g_reentry;
+UTIL_S32 meddle(util_parameter_class_t* cls, void** content) {
+    auto* list = static_cast<util_list_parameter_class_t*>(*content);
+    static bool inside = false;
+    if (!inside) {
+        inside = true;
+        util_parameter_class_t one[1] = {{"/one", nullptr, 0, nullptr, 0, {}, 0, 0}};
+        g_reentry = {reg()->exit_list(list), reg()->init_list(list, one, 1), reg()->register_class_func(list, 2, ret7),
+                     reg()->run_class(list, 0, content)};
+    }
+    return cls->paraListMax;
+}
+
+TEST_F(ParameterTest, ClassCallbackCannotReleaseTheListBeingRun) {
+    build();
+    ASSERT_EQ(reg()->register_class_func(&list_, 0, meddle), 0);
+    void* content = &list_;
+    EXPECT_EQ(reg()->run_class(&list_, -1, &content), 7);
+    EXPECT_EQ(g_reentry, (std::vector<int>{-1, -1, 0, 2}));  // run_class(0) ran meddle again: 2 parameters
+    EXPECT_EQ(dump(list_), "/a 2 1 0 0 0 [1,2,0,9,text,da,na,1,0;4,5,-1,6,null,db,nb,0,0;] /b 0 1 0 0 0 [] "
+                           "/c 1 1 0 0 0 [7,7,7,7,null,dc,nc,0,0;] ");
+    const std::string busy = "error: pclassList is in use by a class callback!";
+    EXPECT_THAT(log_tail(), FullyMatches(L("exit_list_function", busy) + L("init_list_function", busy) +
+                                         "(" + L("run_class_function", "kiv: [^\\n]*") + "){4}"));
 }
 
 TEST_F(ParameterTest, ArgumentChecksComeInOrderAndChangeNothing) {

@@ -5,6 +5,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <climits>
 #include <cstdlib>
 #include <ctime>
 
@@ -262,6 +263,78 @@ TEST_F(SeiTest, ContextListLifecycle) {
                              p + R"(Func_h26x_high_sei_timing_exit_list_function\] free succeed, num;1\n)" + p +
                              R"(Func_h26x_high_sei_timing_exit_list_function\] free succeed, num;0\n)" + p +
                              R"(Func_h26x_high_sei_timing_exit_list_function\] error: phstList is NULL!\n)"));
+}
+
+// Values nobody configures, through the public table: rates at the ends of
+// the int, a whole rate of 0, and drift state the caller overwrote. Each row
+// runs a random-access frame, applies its change, runs a P frame with a
+// drift check due, and builds the message. The sanitizer build turns any
+// overflow into a failure; the results are what the library chose.
+TEST_F(SeiTest, ExtremeValuesStayDefined) {
+    constexpr UTIL_U64 kReloaded = 25 * 1800;  // an out-of-step check restarts the period
+    struct Row {
+        const char* what;
+        int fps_x100;
+        int type;
+        void (*change)(util_h26x_sei_tim_t*);
+        unsigned seconds, frames;  // of the time code after the P frame
+        UTIL_U64 real, wait;       // the drift check's counters after it
+    } rows[] = {
+        // Whole rate 21474836: in step, the next check 600 s of frames later.
+        {"INT_MAX", INT_MAX, 264, [](util_h26x_sei_tim_t*) {}, 56, 1, 1, 1 + 21474836ull * 600},
+        // Whole rates below 1 carry a second on every frame; the wait wraps.
+        {"INT_MIN", INT_MIN, 265, [](util_h26x_sei_tim_t*) {}, 58, 0, 1, 1 + UTIL_U64(-21474835ll * 600)},
+        {"rate 49", 49, 264, [](util_h26x_sei_tim_t*) {}, 58, 0, 1, 1},
+        // A drift beyond any int is out of step: reloaded from the clock.
+        {"start INT64_MIN", 2500, 265, [](util_h26x_sei_tim_t* c) { c->timDiffCal.latest_time.tv_sec = INT64_MIN; },
+         56, 0, 0, kReloaded},
+        {"start INT64_MAX", 2500, 264,
+         [](util_h26x_sei_tim_t* c) { c->timDiffCal.latest_time = {INT64_MAX, LONG_MIN}; }, 56, 0, 0, kReloaded},
+        {"count 2^63", 2500, 265, [](util_h26x_sei_tim_t* c) { c->timDiffCal.real_frame_cnt = 1ull << 63; }, 56, 0, 0,
+         kReloaded},
+    };
+    for (const Row& row : rows) {
+        auto c = config(row.type, row.fps_x100);
+        c.timDiffCal_enable = 1;
+        c.init_wait_frame_cnts = 1;
+        util_h26x_sei_tim_t* ctx = make(c);
+        frame(ctx, true);
+        row.change(ctx);
+        frame(ctx, false);
+        char want[16];
+        std::snprintf(want, sizeof want, "12:34:%02u.%02u", row.seconds, row.frames);
+        EXPECT_EQ(row.type == 264 ? tc(ctx->h264_sei) : tc(ctx->h265_sei), want) << row.what;
+        EXPECT_EQ(ctx->timDiffCal.real_frame_cnt, row.real) << row.what;
+        EXPECT_EQ(ctx->timDiffCal.wait_frame_cnts, row.wait) << row.what;
+        const int len = sei()->get_data(ctx);
+        EXPECT_TRUE(len > 8 && len <= 64) << row.what << " " << len;
+    }
+}
+
+// A setTimeCode_callback may change its fresh context, but not release or
+// rebuild the list whose array init_list is filling.
+util_list_h26x_sei_tim_t* g_building = nullptr;
+int g_reentry[2];
+UTIL_S32 release_own_list(util_h26x_sei_tim_t*) {
+    util_h26x_sei_tim_config_param_t c{};
+    g_reentry[0] = sei()->exit_list(g_building);
+    g_reentry[1] = sei()->init_list(g_building, &c, 1);
+    return 0;
+}
+
+TEST_F(SeiTest, CallbackCannotReleaseTheListBeingBuilt) {
+    util_h26x_sei_tim_config_param_t cs[2] = {config(264), config(265)};
+    cs[0].setTimeCode_callback = release_own_list;
+    g_building = &list_;
+    ASSERT_EQ(sei()->init_list(&list_, cs, 2), 0);
+    EXPECT_EQ(g_reentry[0] + g_reentry[1], -2);
+    EXPECT_EQ(list_.h26xSeiTimMax, 2);
+    EXPECT_EQ(list_.ph26xSeiTim[1].config_param.h26x_type, 265);
+    const std::string p = R"(\[util_h26x_high_seiTimeCode_function\.cpp \+\d+ +Func_h26x_high_sei_timing_)";
+    EXPECT_THAT(log_text(), FullyMatches(R"([^\n]*malloc succeed[^\n]*\n[^\n]*setTimeCode_callback[^\n]*\n)" + p +
+                                         R"(exit_list_function\] error: phstList is in use by a setTimeCode_callback!\n)" +
+                                         p +
+                                         R"(init_list_function\] error: phstList is in use by a setTimeCode_callback!\n)"));
 }
 
 TEST_F(SeiTest, WithoutNetworkTimeNothingIsCounted) {
