@@ -3,12 +3,15 @@
 #include "util_common_high_function.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <sched.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <climits>
 #include <csignal>
 #include <cstdlib>
@@ -238,69 +241,193 @@ UTIL_S32 Func_deleteFileList(UTIL_CHAR (*delListName)[256], UTIL_S32 num) noexce
 constexpr std::size_t kLineBuf = 64;
 constexpr std::size_t kContentBuf = 2048;
 constexpr std::size_t kOutLineBuf = 256;
-constexpr std::size_t kShellBuf = 256;
 
-void lock_file(FILE* fp) noexcept {
-    if (flock(fileno(fp), LOCK_EX) != 0) {
+// Waits for the exclusive lock; true once it is held. A signal only cuts the
+// wait short, it is no reason to go on without the lock.
+bool lock_file(int fd) noexcept {
+    int rc;
+    while ((rc = flock(fd, LOCK_EX)) != 0 && errno == EINTR) {
+    }
+    if (rc != 0) {
         UTIL_DBG_INFO("file lock by others");
     }
+    return rc == 0;
+}
+
+// Opens `path` for reading and locks it, filling `st` with the locked file's
+// status. A writer that held the lock before us has renamed its new file over
+// the one we opened, and a lock on a replaced file guards nothing: so once
+// the lock is ours the path must still name that file, or we start again on
+// the file that is there now.
+UniqueFile open_locked(const char* path, struct stat& st) noexcept {
+    for (;;) {
+        UniqueFile fp(std::fopen(path, "re"));
+        if (!fp) return fp;
+        const bool locked = lock_file(fileno(fp.get()));
+        if (fstat(fileno(fp.get()), &st) != 0) return nullptr;
+        struct stat now {};
+        if (!locked || (stat(path, &now) == 0 && now.st_dev == st.st_dev && now.st_ino == st.st_ino)) return fp;
+    }
+}
+
+bool write_all(int fd, const char* data, std::size_t size) noexcept {
+    while (size > 0) {
+        const ssize_t n = write(fd, data, size);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) {
+            if (n == 0) errno = EIO;
+            return false;
+        }
+        data += n;
+        size -= static_cast<std::size_t>(n);
+    }
+    return true;
+}
+
+// Flushes the file to the disk and closes it; false (with errno) when either
+// fails, since the data may then never reach the disk.
+bool sync_and_close(int fd, bool ok) noexcept {
+    ok = ok && fsync(fd) == 0;
+    const int saved = errno;
+    if (close(fd) != 0 && ok) return false;
+    errno = saved;
+    return ok;
+}
+
+constexpr int kNoTempFile = 1;
+
+// Writes `content` to a new file beside `target` and renames it over the
+// target, so that the path names either the whole old file or the whole new
+// one at every instant, whatever happens to this process. The new file takes
+// the old one's mode, and as root its owner too, so that the programs that
+// read the settings still may. Returns 0; -1 with errno, the old file and the
+// directory as they were; or kNoTempFile when the directory takes no new file.
+int replace_file(const char* target, const struct stat& old, const char* content, std::size_t size) noexcept {
+    const char* slash = std::strrchr(target, '/');
+    const std::size_t dir_len = slash == nullptr ? 0 : static_cast<std::size_t>(slash - target) + 1;
+    // ".NAME.XXXXXX", the name cut short so that it stays a valid file name.
+    const std::size_t base_len = std::min<std::size_t>(std::strlen(target + dir_len), 240);
+    const std::size_t tmp_size = dir_len + base_len + 9;
+    quillane::UniqueHeap<char> tmp(static_cast<char*>(quillane::mem_malloc(tmp_size)));
+    if (!tmp) {
+        errno = ENOMEM;
+        return -1;
+    }
+    std::snprintf(tmp.get(), tmp_size, "%.*s.%.*s.XXXXXX", static_cast<int>(dir_len), target,
+                  static_cast<int>(base_len), target + dir_len);
+    const int fd = mkostemp(tmp.get(), O_CLOEXEC);
+    if (fd < 0) return errno == EACCES || errno == EPERM ? kNoTempFile : -1;
+    const bool written = (geteuid() != 0 || fchown(fd, old.st_uid, old.st_gid) == 0) &&
+                         fchmod(fd, old.st_mode & 07777) == 0 && write_all(fd, content, size);
+    if (!sync_and_close(fd, written) || rename(tmp.get(), target) != 0) {
+        const int saved = errno;
+        unlink(tmp.get());
+        errno = saved;
+        return -1;
+    }
+    // The rename is done; syncing the directory makes it survive a power cut.
+    tmp.get()[dir_len] = '\0';
+    const int dir = open(dir_len == 0 ? "." : tmp.get(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (dir >= 0) {
+        fsync(dir);
+        close(dir);
+    }
+    return 0;
+}
+
+// The fallback for a file whose directory takes no new file (a writable file
+// in a read-only directory): nothing can be renamed over it, so it is
+// truncated and written anew in place. Removing it first, as a plain rewrite
+// would, could not succeed in such a directory, and if it ever did the file
+// would be gone for good should the create then fail. Unlike replace_file, a
+// crash or a full disk in the middle of this leaves the file short.
+bool rewrite_in_place(const char* target, const char* content, std::size_t size) noexcept {
+    const int fd = open(target, O_WRONLY | O_TRUNC | O_CLOEXEC);
+    return fd >= 0 && sync_and_close(fd, write_all(fd, content, size));
 }
 
 UTIL_S32 update_conf(UTIL_CHAR* path, UTIL_CHAR* keyword, UTIL_CHAR* item) noexcept {
     if (path == nullptr || keyword == nullptr || item == nullptr) return -1;
     // Everything that could be refused is checked before the file is
     // touched, so a refusal leaves it exactly as it was.
-    char cmd[kShellBuf];
-    std::size_t cmd_len = 0;
-    const std::string_view p(path);
-    const bool cmd_ok = quillane::shell_safe(p) ? quillane::append_text(cmd, sizeof cmd, cmd_len, "rm ") &&
-                                                       quillane::append_text(cmd, sizeof cmd, cmd_len, p)
-                                                 : quillane::append_text(cmd, sizeof cmd, cmd_len, "rm -- ") &&
-                                                       quillane::append_quoted(cmd, sizeof cmd, cmd_len, p);
-    if (!cmd_ok) {
-        UTIL_DBG_ERR("error: path is too long: %s\n", path);
+    if (keyword[0] == '\0') {
+        // Every line contains the empty text: the whole file would become
+        // copies of one line.
+        UTIL_DBG_ERR("error: empty keyword, %s left unchanged\n", path);
         return -1;
     }
+    if (std::strpbrk(keyword, "\r\n") != nullptr || std::strpbrk(item, "\r\n") != nullptr) {
+        // The line end would slip a second setting into the file.
+        UTIL_DBG_ERR("error: line end in the keyword or the new line, %s left unchanged\n", path);
+        return -1;
+    }
+    struct stat st {};
+    if (stat(path, &st) != 0) return -1;  // a missing file is not created
+    if (!S_ISREG(st.st_mode)) {
+        UTIL_DBG_ERR("error: %s is not a regular file\n", path);
+        return -1;
+    }
+    // Through a symbolic link the link's target is rewritten: renaming over
+    // the link would turn it into a copy, cut off from the file it names.
+    struct stat lst {};
+    quillane::UniqueHeap<char> resolved;
+    if (lstat(path, &lst) == 0 && S_ISLNK(lst.st_mode)) {
+        resolved.reset(realpath(path, nullptr));
+        if (!resolved) return -1;
+    }
+    const char* target = resolved ? resolved.get() : path;
+
+    // The lock is held from the first read to the rename, so that concurrent
+    // rewrites of one file follow each other and none is lost.
+    UniqueFile in = open_locked(target, st);
+    if (!in) return -1;
     const std::size_t item_len = std::strlen(item);
     char content[kContentBuf];
     std::size_t used = 0;
-    {
-        UniqueFile in(std::fopen(path, "re"));
-        if (!in) return -1;
-        lock_file(in.get());
-        char* line = nullptr;
-        std::size_t cap = 0;
-        bool fits = true;
-        for (ssize_t n; fits && (n = getline(&line, &cap, in.get())) >= 0;) {
-            const bool match = std::strstr(line, keyword) != nullptr;
-            const std::size_t out_len = match ? item_len + 1 : static_cast<std::size_t>(n);
-            if (out_len >= kOutLineBuf || used + out_len >= kContentBuf) {
-                fits = false;
-                break;
-            }
-            if (match) {
-                std::memcpy(content + used, item, item_len);
-                content[used + item_len] = '\n';
-            } else {
-                std::memcpy(content + used, line, out_len);
-            }
-            used += out_len;
+    char* line = nullptr;
+    std::size_t cap = 0;
+    bool fits = true;
+    for (ssize_t n; (n = getline(&line, &cap, in.get())) >= 0;) {
+        const bool match = std::strstr(line, keyword) != nullptr;
+        const std::size_t out_len = match ? item_len + 1 : static_cast<std::size_t>(n);
+        if (out_len >= kOutLineBuf || used + out_len >= kContentBuf) {
+            fits = false;
+            break;
         }
-        std::free(line);
-        flock(fileno(in.get()), LOCK_UN);
-        if (!fits) {
-            UTIL_DBG_ERR("error: %s: a line or the new content is too long, file left unchanged\n", path);
-            return -1;
+        if (match) {
+            std::memcpy(content + used, item, item_len);
+            content[used + item_len] = '\n';
+        } else {
+            std::memcpy(content + used, line, out_len);
         }
+        used += out_len;
     }
-    Func_pox_system(cmd);
-    UniqueFile out(std::fopen(path, "w+e"));
-    if (!out) return -1;
-    lock_file(out.get());
-    std::fwrite(content, 1, used, out.get());
-    std::fflush(out.get());
-    flock(fileno(out.get()), LOCK_UN);
-    return 0;
+    std::free(line);
+    if (!fits) {
+        UTIL_DBG_ERR("error: %s: a line or the new content is too long, file left unchanged\n", path);
+        return -1;
+    }
+    // What was read up to an error is not the file: writing it would lose the rest.
+    if (std::ferror(in.get()) != 0) {
+        UTIL_DBG_ERR("error: %s: read failed, file left unchanged\n", path);
+        return -1;
+    }
+    char text[64];
+    int rc = replace_file(target, st, content, used);
+    if (rc == kNoTempFile) {
+        rc = rewrite_in_place(target, content, used) ? 0 : -1;
+        if (rc != 0) {
+            UTIL_DBG_ERR("error: %s: rewriting in place failed, the file may be short: %s\n", path,
+                         strerror_r(errno, text, sizeof text));
+        }
+    } else if (rc != 0) {
+        UTIL_DBG_ERR("error: %s: the new content could not be written, file left unchanged: %s\n", path,
+                     strerror_r(errno, text, sizeof text));
+    }
+    // Unlocked explicitly: a child forked meanwhile by another thread shares
+    // the open file, and closing our copy would not release the lock.
+    flock(fileno(in.get()), LOCK_UN);
+    return rc;
 }
 
 UTIL_S32 Func_update_line_conf(UTIL_CHAR* path, UTIL_CHAR* keyword, UTIL_CHAR* new_key_word_value) noexcept {

@@ -1,14 +1,18 @@
 // File helpers, configuration-line update, and shell and process helpers of
 // the common high table, on real files and real processes.
 #include <fcntl.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/file.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstring>
+#include <random>
+#include <set>
 #include <thread>
 
 #include "test_support.h"
@@ -191,15 +195,23 @@ TEST(FileHelpers, DeletingAListOfNames) {
                 FullyMatches(err("Func_deleteFileList", "error: file is not file or dir: /dev/null failed\n")));
 }
 
+ino_t inode_of(const std::string& path) {
+    struct stat st {};
+    stat(path.c_str(), &st);
+    return st.st_ino;
+}
+
+std::set<std::string> names_in(const std::string& dir) {
+    std::set<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(dir)) names.insert(entry.path().filename());
+    return names;
+}
+
 class ConfigUpdate : public ::testing::Test {
 protected:
     TempDir dir_;
     std::string path_ = dir_.file("app.conf");
-    ino_t inode() {
-        struct stat st {};
-        stat(path_.c_str(), &st);
-        return st.st_ino;
-    }
+    ino_t inode() { return inode_of(path_); }
 };
 
 TEST_F(ConfigUpdate, EveryMatchingLineIsReplaced) {
@@ -294,6 +306,153 @@ TEST_F(ConfigUpdate, HostilePathsAndTheLock) {
     close(ready[1]);
     EXPECT_GE(waited, std::chrono::milliseconds(250));
     EXPECT_EQ(read_file(path_), "k=2\n");
+}
+
+TEST_F(ConfigUpdate, RefusalsLinksModesAndReadOnlyDirectories) {
+    const std::string original = "a = \"1\"\nb = \"2\"\n", unchanged = regex_escape(path_) + " left unchanged\n";
+    write_file(path_, original);
+    // A line end would add a setting, an empty keyword would match every line.
+    for (auto [keyword, item] : {std::pair<std::string, std::string>{"a", "a = \"1\"\nadmin = \"1\""},
+                                 {"a\n", "a = \"3\""}, {"a", "a = \"3\"\r"}, {"", "a = \"3\""}}) {
+        CaptureStderr();
+        EXPECT_EQ(high()->update_line_conf(c(path_), c(keyword), c(item)), -1) << item;
+        const std::string why = keyword.empty() ? "empty keyword, " : "line end in the keyword or the new line, ";
+        EXPECT_THAT(GetCapturedStderr(), FullyMatches(err("update_conf", "error: " + why + unchanged)));
+        EXPECT_EQ(read_file(path_), original);
+    }
+
+    // Through a symbolic link the target is rewritten with its mode; the link stays.
+    const std::string real = dir_.file("real.conf"), link = dir_.file("link.conf");
+    write_file(real, original);
+    ASSERT_EQ(chmod(real.c_str(), 0640), 0);
+    ASSERT_EQ(symlink("real.conf", link.c_str()), 0);
+    std::string via = link, dangling = dir_.file("dangling.conf"), b = "b", item = "b=3";
+    EXPECT_EQ(high()->update_line_conf(c(via), c(b), c(item)), 0);
+    struct stat st {};
+    EXPECT_TRUE(lstat(link.c_str(), &st) == 0 && S_ISLNK(st.st_mode));
+    EXPECT_EQ(read_file(real), "a = \"1\"\nb=3\n");
+    EXPECT_TRUE(stat(real.c_str(), &st) == 0 && (st.st_mode & 07777) == 0640);
+    ASSERT_EQ(symlink("gone.conf", dangling.c_str()), 0);
+    EXPECT_EQ(high()->update_line_conf(c(dangling), c(b), c(item)), -1);
+    EXPECT_EQ(names_in(dir_.path()), (std::set<std::string>{"app.conf", "real.conf", "link.conf", "dangling.conf"}));
+
+    // A writable file in a directory that takes no new file is rewritten in place.
+    if (geteuid() != 0) return;
+    const std::string ro = dir_.file("ro"), conf = ro + "/app.conf";
+    ASSERT_EQ(chmod(dir_.path().c_str(), 0755), 0);
+    ASSERT_EQ(mkdir(ro.c_str(), 0755), 0);
+    write_file(conf, original);
+    ASSERT_EQ(chmod(conf.c_str(), 0666), 0);
+    const ino_t before = inode_of(conf);
+    const pid_t pid = fork();
+    if (pid == 0) {
+        std::string p = conf;
+        _exit(setgid(65534) == 0 && setuid(65534) == 0 && high()->update_line_conf(c(p), c(b), c(item)) == 0 ? 0 : 1);
+    }
+    int status = -1;
+    waitpid(pid, &status, 0);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(read_file(conf), "a = \"1\"\nb=3\n");
+    EXPECT_EQ(inode_of(conf), before);
+}
+
+// Writer processes, writer i setting its own line to wi=1, wi=2, ... up to
+// `updates`, or until killed when that is 0.
+std::vector<pid_t> start_writers(const std::string& path, int writers, int updates) {
+    std::vector<pid_t> pids;
+    for (int i = 0; i < writers; ++i) {
+        pids.push_back(fork());
+        if (pids.back() != 0) continue;
+        std::string p = path, key = "w" + std::to_string(i) + "=";
+        for (int v = 1; updates == 0 || v <= updates; ++v) {
+            std::string line = key + std::to_string(v);
+            if (high()->update_line_conf(c(p), c(key), c(line)) != 0) _exit(1);
+        }
+        _exit(0);
+    }
+    return pids;
+}
+
+// Writers killed at random moments, one alone or four at once: the file is
+// always whole, each line one rewrite's. Then four writers, 50 rewrites each,
+// while this process reads the file: never missing, empty or mixed, and no
+// rewrite is lost.
+TEST_F(ConfigUpdate, RewritesAreWholeAndFollowEachOther) {
+    const char start[] = "w0=0\nw1=0\nw2=0\nw3=0\n# the end\n";
+    const std::regex whole(R"(w0=(\d+)\nw1=(\d+)\nw2=(\d+)\nw3=(\d+)\n# the end\n)");
+    std::mt19937 random(20240611);  // fixed, so a failure replays
+    int lost = 0, rewrites = 0;
+    for (int round = 0; round < 300 && lost < 5; ++round) {
+        write_file(path_, start);
+        const std::vector<pid_t> pids = start_writers(path_, round % 2 == 0 ? 1 : 4, 0);
+        usleep(std::uniform_int_distribution<useconds_t>(0, 4000)(random));
+        for (pid_t pid : pids) kill(pid, SIGKILL);
+        for (pid_t pid : pids) {
+            int status = -1;
+            waitpid(pid, &status, 0);
+            EXPECT_TRUE(WIFSIGNALED(status)) << "a writer failed before the kill";
+        }
+        const std::string text = read_file(path_);
+        std::smatch m;
+        if (!std::regex_match(text, m, whole)) {
+            ADD_FAILURE() << "round " << round << ": \"" << text << "\"";
+            ++lost;
+        }
+        for (std::size_t i = 1; i < m.size(); ++i) rewrites += std::stoi(m[i]);
+    }
+    RecordProperty("rewrites_before_the_kills", rewrites);
+
+    write_file(path_, start);
+    std::vector<pid_t> pids = start_writers(path_, 4, 50);
+    int reads = 0, broken = 0;
+    for (std::size_t running = pids.size(); running > 0; ++reads) {
+        broken += std::regex_match(read_file(path_), whole) ? 0 : 1;
+        for (pid_t& pid : pids) {
+            int status = -1;
+            if (pid > 0 && waitpid(pid, &status, WNOHANG) == pid) {
+                EXPECT_EQ(status, 0);
+                pid = -1;
+                --running;
+            }
+        }
+    }
+    EXPECT_EQ(broken, 0) << "of " << reads << " reads";
+    EXPECT_EQ(read_file(path_), "w0=50\nw1=50\nw2=50\nw3=50\n# the end\n");
+}
+
+// A full file system: the rewrite fails and the old file stays. A reader
+// holds the old file open, as a daemon does its settings, so removing it
+// would free no room for the new one.
+TEST_F(ConfigUpdate, AFullFileSystemKeepsTheOldFile) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root: mounts a small tmpfs in a private mount namespace";
+    const pid_t pid = fork();
+    if (pid == 0) {  // the namespace and its mount end with this child
+        if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+            mount("tmpfs", dir_.path().c_str(), "tmpfs", 0, "size=64k") != 0) {
+            _exit(64);
+        }
+        const std::string original = "a = \"1\"\nb = \"2\"\n";
+        write_file(path_, original);
+        const int reader = open(path_.c_str(), O_RDONLY);
+        const int filler = open(dir_.file("fill").c_str(), O_WRONLY | O_CREAT, 0600);
+        static char block[4096];
+        while (write(filler, block, sizeof block) > 0 || write(filler, block, 1) > 0) {
+        }
+        std::string b = "b", item = "b = \"" + std::string(100, '9') + "\"";
+        CaptureStderr();
+        const int rc = high()->update_line_conf(c(path_), c(b), c(item));
+        const std::string message = GetCapturedStderr();
+        const std::string expected = err("update_conf", "error: " + regex_escape(path_) +
+                                                            ": the new content could not be written, file left "
+                                                            "unchanged: No space left on device\n");
+        _exit((rc == -1 ? 0 : 1) | (read_file(path_) == original ? 0 : 2) |
+              (names_in(dir_.path()).size() == 2 ? 0 : 4) | (std::regex_match(message, std::regex(expected)) ? 0 : 8) |
+              (reader >= 0 ? 0 : 64));
+    }
+    int status = -1;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0) << "1 result, 2 old content lost, 4 temporary file left, 8 message, 64 set-up";
 }
 
 TEST(ShellCommands, ReadingACommandFile) {
