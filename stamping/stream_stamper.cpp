@@ -1,12 +1,12 @@
 #include "stream_stamper.h"
 
 #include <algorithm>
-#include <array>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
 
 #include "h26x_syntax.h"
+#include "picture_order.h"
 
 namespace tcstamp {
 
@@ -16,34 +16,6 @@ constexpr int kH264PicTiming = 1;
 constexpr int kH265TimeCode = 136;
 constexpr int kH264Sei = 6;
 constexpr int kH265PrefixSei = 39;
-// Without a reorder window in the stream, as many pictures as a decoded
-// picture buffer can hold.
-constexpr int kMaxReorder = 16;
-
-bool h265_irap(int type) { return type >= 16 && type <= 23; }
-bool h265_rasl(int type) { return type == 8 || type == 9; }
-bool h265_radl_or_rasl(int type) { return type >= 6 && type <= 9; }
-// Sub-layer non-reference pictures: the even types up to 14.
-bool h265_sub_layer_non_reference(int type) { return type <= 14 && type % 2 == 0; }
-
-bool library_random_access_type(Codec codec, int type) {
-    return codec == Codec::h264 ? (type == 7 || type == 8 || type == 5) : (type >= 32 && type <= 34) || type == 19;
-}
-
-// An end of sequence or of stream closes its access unit, behind the
-// picture: its last bytes show it without a walk through the slice data.
-bool ends_with_end_of_sequence(std::span<const std::uint8_t> au, Codec codec) {
-    std::size_t end = au.size();
-    while (end > 0 && au[end - 1] == 0) --end;
-    const std::size_t header = codec == Codec::h264 ? 1 : 2;
-    if (end < 3 + header || au[end - header - 1] != 1 || au[end - header - 2] != 0 || au[end - header - 3] != 0) {
-        return false;
-    }
-    const std::uint8_t b0 = au[end - header];
-    return codec == Codec::h264 ? ((b0 & 0x1F) == 10 || (b0 & 0x1F) == 11)
-                                : (((b0 >> 1) & 0x3F) == 36 || ((b0 >> 1) & 0x3F) == 37);
-}
-
 const char* codec_name(Codec c) { return c == Codec::h264 ? "H.264" : "H.265"; }
 
 std::string rate_text(int fps_x100) {
@@ -71,16 +43,9 @@ bool label_exists(const TimeCode& t, int fps_x100) {
 
 struct StreamStamper::Impl {
     // One access unit between push() and pop().
-    struct Unit {
-        std::vector<std::uint8_t> au;
+    struct Unit : OrderedUnit {
         std::uint64_t tag = 0;
         std::optional<TimeCode> first_label;
-        std::vector<Nal> nals;
-        std::size_t picture = 0;  // index of the first slice in nals
-        bool has_picture = false;
-        bool shown = false;     // takes a place in display order
-        bool eligible = false;  // may be the first stamped picture
-        std::int64_t poc = 0;
         H264PicTiming encoder;  // what the encoder's own picture timing said
         // Byte ranges of `au` that go out replaced (removed when empty), in
         // order, and where the new SEI unit goes.
@@ -99,35 +64,15 @@ struct StreamStamper::Impl {
     std::string error;
     std::optional<StreamTiming> timing;
     std::optional<Codec> codec;
+    std::optional<PictureOrder> order;
     AccessUnitStamper library;
-    std::deque<Unit> units;       // decode order
-    std::vector<Unit*> waiting;   // shown pictures not yet given their display place
+    std::deque<Unit> units;  // decode order
+    std::vector<OrderedUnit*> shown;
     std::uint64_t unstamped = 0;
     std::uint64_t stamped = 0;
-    bool synced = false;          // the first picture was stamped
+    bool synced = false;  // the first picture was stamped
     bool failed = false;
-
-    std::array<std::optional<H264Sps>, 32> h264_sps;
-    std::array<std::optional<H264Pps>, 256> h264_pps;
-    std::array<std::optional<H265Sps>, 16> h265_sps;
-    std::array<std::optional<H265Pps>, 64> h265_pps;
-    const H264Sps* active_h264 = nullptr;
-    const H265Sps* active_h265 = nullptr;
     VuiTiming first_timing;  // of the SPS the stream began with
-
-    bool same_timing(const VuiTiming& t) const {
-        return t.present == first_timing.present && t.time_scale == first_timing.time_scale &&
-               t.num_units_in_tick == first_timing.num_units_in_tick;
-    }
-
-    // Picture order count state, as a decoder keeps it.
-    std::int64_t prev_poc_msb = 0;
-    std::int64_t prev_poc_lsb = 0;
-    std::int64_t decode_count = 0;  // H.264 pic_order_cnt_type 2: display order is decode order
-    bool first_picture = true;
-    bool after_end_of_sequence = false;
-    bool skip_rasl = false;
-    std::optional<std::int64_t> last_shown_poc;
 
     explicit Impl(const StreamOptions& o) : options(o) {}
 
@@ -136,17 +81,23 @@ struct StreamStamper::Impl {
         failed = true;
         return false;
     }
+    bool same_timing(const VuiTiming& t) const {
+        return t.present == first_timing.present && t.time_scale == first_timing.time_scale &&
+               t.num_units_in_tick == first_timing.num_units_in_tick;
+    }
 
     bool push(std::span<const std::uint8_t> bytes, std::uint64_t tag, std::optional<TimeCode> label);
-    bool learn_parameter_sets(Unit& u);
-    bool analyse_picture(Unit& u);
+    bool check_stream(const Unit& u);
     bool start_timing(const VuiTiming& t, bool h264_frame_ticks);
     void scan_sei(Unit& u);
-    bool place(Unit& u);
-    bool show_next();
+    bool stamp_shown();
     bool stamp(Unit& u);
     void patch_h264(const Unit& u);
     void write_out(Unit& u, std::span<const std::uint8_t> sei);
+    void pass_through(Unit& u) {
+        u.ready = true;
+        u.out.bytes = std::move(u.au);
+    }
 };
 
 bool StreamStamper::Impl::push(std::span<const std::uint8_t> bytes, std::uint64_t tag,
@@ -156,7 +107,7 @@ bool StreamStamper::Impl::push(std::span<const std::uint8_t> bytes, std::uint64_
     u.au.assign(bytes.begin(), bytes.end());
     u.tag = tag;
     u.first_label = label;
-    if (!codec) {
+    if (!order) {
         split_nal_units(u.au, Codec::h264, u.nals, true);
         const std::optional<Codec> seen = codec_of(u.au, u.nals);
         if (seen && options.codec && *seen != *options.codec) {
@@ -167,48 +118,67 @@ bool StreamStamper::Impl::push(std::span<const std::uint8_t> bytes, std::uint64_
             return fail("the stream begins with no parameter set, delimiter or SEI unit that tells H.264 from "
                         "H.265: give the codec");
         }
-    }
-    // Slice data is never walked: what stamping needs comes before it.
-    split_nal_units(u.au, codec.value_or(Codec::h264), u.nals, true);
-    if (!learn_parameter_sets(u)) return false;
-    const bool ends_sequence = ends_with_end_of_sequence(u.au, *codec);
-    if (!u.has_picture) {
-        after_end_of_sequence = after_end_of_sequence || ends_sequence;
-        u.ready = true;
-        u.out.bytes = std::move(u.au);
-        return true;
-    }
-    if (!analyse_picture(u)) return false;
-    after_end_of_sequence = after_end_of_sequence || ends_sequence;
-    return place(u);
-}
-
-// Parameter sets are kept by id, as decoders keep them; the first picture
-// unit ends the walk (its slice header is read by analyse_picture).
-bool StreamStamper::Impl::learn_parameter_sets(Unit& u) {
-    for (std::size_t k = 0; k < u.nals.size(); ++k) {
-        const Nal& n = u.nals[k];
-        const std::span<const std::uint8_t> nal(u.au.data() + n.offset, n.size);
-        if (n.vcl) {
-            u.has_picture = true;
-            u.picture = k;
+        if (!codec) {
+            pass_through(u);
             return true;
         }
-        if (*codec == Codec::h264) {
-            if (n.type == 7) {
-                if (auto s = parse_h264_sps(nal)) h264_sps[static_cast<std::size_t>(s->seq_parameter_set_id)] = *s;
-            } else if (n.type == 8) {
-                if (auto p = parse_h264_pps(nal)) h264_pps[static_cast<std::size_t>(p->pic_parameter_set_id)] = *p;
-            }
-        } else {
-            if (n.type == 33) {
-                if (auto s = parse_h265_sps(nal)) h265_sps[static_cast<std::size_t>(s->sps_seq_parameter_set_id)] = *s;
-            } else if (n.type == 34) {
-                if (auto p = parse_h265_pps(nal)) h265_pps[static_cast<std::size_t>(p->pps_pic_parameter_set_id)] = *p;
-            }
+        order.emplace(codec);
+    }
+    if (!order->analyse(u, shown) || !stamp_shown()) return fail(order->error());
+    if (!u.has_picture) {
+        pass_through(u);
+        return true;
+    }
+    if (u.readable && !check_stream(u)) return false;
+    if (!timing || !u.readable || !u.shown) {
+        // Not a picture we can place (before its parameter sets, or never
+        // shown): out as it came.
+        ++unstamped;
+        pass_through(u);
+        return true;
+    }
+    scan_sei(u);
+    if (!order->place(u, shown)) return fail(order->error());
+    return stamp_shown();
+}
+
+bool StreamStamper::Impl::stamp_shown() {
+    for (OrderedUnit* p : shown) {
+        if (!stamp(static_cast<Unit&>(*p))) {
+            shown.clear();
+            return false;
         }
     }
+    shown.clear();
     return true;
+}
+
+// What stamping needs of the stream, checked at its first readable picture
+// and kept to after it.
+bool StreamStamper::Impl::check_stream(const Unit& u) {
+    if (*codec == Codec::h264) {
+        const H264Sps& sps = *u.h264;
+        if (timing) {
+            if (!same_timing(sps.timing) || !sps.hrd() || !sps.pic_struct_present_flag) {
+                return fail("the stream's SPS changes its timing or HRD parameters mid-stream");
+            }
+            return true;
+        }
+        if (!sps.hrd()) {
+            return fail("the H.264 SPS carries no HRD parameters, so its picture timing cannot carry the delays "
+                        "readers expect; encode with HRD parameters (x264: --nal-hrd vbr)");
+        }
+        if (!sps.pic_struct_present_flag) {
+            return fail("the H.264 SPS does not announce pic_struct, so readers skip clock time codes; encode with "
+                        "pic_struct (x264: --pic-struct)");
+        }
+        return start_timing(sps.timing, true);
+    }
+    if (timing) {
+        if (!same_timing(u.h265->timing)) return fail("the stream's SPS changes its timing mid-stream");
+        return true;
+    }
+    return start_timing(u.h265->timing, false);
 }
 
 // Frame rate and reorder window from the first picture's SPS, checked
@@ -248,13 +218,7 @@ bool StreamStamper::Impl::start_timing(const VuiTiming& t, bool h264_frame_ticks
                         (drop_count(st.fps_x100) != 0 ? " with drop-frame counting" : ""));
         }
     }
-    if (*codec == Codec::h264) {
-        const H264Sps& s = *active_h264;
-        st.reorder_window = s.pic_order_cnt_type == 2 ? 0 : s.max_num_reorder_frames >= 0 ? s.max_num_reorder_frames
-                                                                                          : kMaxReorder;
-    } else {
-        st.reorder_window = active_h265->sps_max_num_reorder_pics;
-    }
+    st.reorder_window = order->reorder_window().value_or(0);
     StamperConfig config;
     config.codec = *codec;
     config.fps_x100 = st.fps_x100;
@@ -262,137 +226,6 @@ bool StreamStamper::Impl::start_timing(const VuiTiming& t, bool h264_frame_ticks
     config.frames_before_first_check = options.frames_before_first_check;
     if (!library.start(config)) return fail("out of memory");
     timing = st;
-    return true;
-}
-
-bool StreamStamper::Impl::analyse_picture(Unit& u) {
-    const Nal& pic = u.nals[u.picture];
-    const std::span<const std::uint8_t> nal(u.au.data() + pic.offset, pic.size);
-    bool idr_or_irap = false;   // starts a new picture order count
-    bool intra = false;
-    if (*codec == Codec::h264) {
-        const std::optional<int> pps_id = h264_slice_pps_id(nal);
-        const H264Pps* pps = pps_id && h264_pps[static_cast<std::size_t>(*pps_id)] ? &*h264_pps[static_cast<std::size_t>(*pps_id)] : nullptr;
-        const std::optional<H264Sps>* slot = pps ? &h264_sps[static_cast<std::size_t>(pps->seq_parameter_set_id)] : nullptr;
-        const H264Sps* sps = slot && *slot ? &**slot : nullptr;
-        const std::optional<H264SliceHeader> h = sps ? parse_h264_slice_header(nal, *pps, *sps) : std::nullopt;
-        if (!h) {
-            // Pictures whose parameter sets never came (a stream cut before
-            // them) cannot be decoded: they go out as they came.
-            if (synced) return fail("a picture's slice header or its parameter sets cannot be read");
-            return true;
-        }
-        if (!timing) {
-            active_h264 = sps;
-            if (sps->pic_order_cnt_type == 1) {
-                return fail("pictures with pic_order_cnt_type 1 cannot be put in display order; encode with "
-                            "pic_order_cnt_type 0 or 2");
-            }
-            if (!sps->hrd()) {
-                return fail("the H.264 SPS carries no HRD parameters, so its picture timing cannot carry the delays "
-                            "readers expect; encode with HRD parameters (x264: --nal-hrd vbr)");
-            }
-            if (!sps->pic_struct_present_flag) {
-                return fail("the H.264 SPS does not announce pic_struct, so readers skip clock time codes; encode "
-                            "with pic_struct (x264: --pic-struct)");
-            }
-            if (!start_timing(sps->timing, true)) return false;
-        } else if (!same_timing(sps->timing) || !sps->hrd() ||
-                   !sps->pic_struct_present_flag || sps->pic_order_cnt_type == 1) {
-            return fail("the stream's SPS changes its timing or HRD parameters mid-stream");
-        }
-        active_h264 = sps;
-        if (h->field_pic_flag) {
-            return fail("the stream codes fields as separate pictures, which cannot be stamped; encode interlaced "
-                        "video as frames (MBAFF, as x264 --tff/--bff does)");
-        }
-        idr_or_irap = h->idr;
-        intra = h->intra();
-        if (idr_or_irap || after_end_of_sequence) {
-            prev_poc_msb = 0;
-            prev_poc_lsb = 0;
-            decode_count = 0;
-        }
-        if (sps->pic_order_cnt_type == 0) {
-            const std::int64_t max = std::int64_t{1} << sps->log2_max_pic_order_cnt_lsb;
-            const std::int64_t lsb = h->pic_order_cnt_lsb;
-            std::int64_t msb = prev_poc_msb;
-            if (lsb < prev_poc_lsb && prev_poc_lsb - lsb >= max / 2) {
-                msb += max;
-            } else if (lsb > prev_poc_lsb && lsb - prev_poc_lsb > max / 2) {
-                msb -= max;
-            }
-            const std::int64_t top = msb + lsb;
-            u.poc = std::min(top, top + h->delta_pic_order_cnt_bottom);
-            if (h->nal_ref_idc != 0) {
-                prev_poc_msb = msb;
-                prev_poc_lsb = lsb;
-            }
-        } else {
-            u.poc = decode_count++;
-        }
-        u.shown = true;
-        after_end_of_sequence = false;
-    } else {
-        const std::optional<int> pps_id = h265_slice_pps_id(nal);
-        const H265Pps* pps = pps_id && h265_pps[static_cast<std::size_t>(*pps_id)] ? &*h265_pps[static_cast<std::size_t>(*pps_id)] : nullptr;
-        const std::optional<H265Sps>* slot = pps ? &h265_sps[static_cast<std::size_t>(pps->pps_seq_parameter_set_id)] : nullptr;
-        const H265Sps* sps = slot && *slot ? &**slot : nullptr;
-        const std::optional<H265SliceHeader> h = sps ? parse_h265_slice_header(nal, *pps, *sps) : std::nullopt;
-        if (!h) {
-            if (synced) return fail("a picture's slice header or its parameter sets cannot be read");
-            return true;
-        }
-        if (!timing) {
-            active_h265 = sps;
-            if (sps->field_seq_flag) {
-                return fail("the stream codes fields as separate pictures (field_seq_flag), which cannot be stamped");
-            }
-            if (!start_timing(sps->timing, false)) return false;
-        } else if (!same_timing(sps->timing) || sps->field_seq_flag) {
-            return fail("the stream's SPS changes its timing mid-stream");
-        }
-        active_h265 = sps;
-        const int type = h->nal_unit_type;
-        const bool irap = h265_irap(type);
-        // An IDR or BLA picture, or a CRA that begins the stream or follows
-        // an end of sequence, starts over: its leading RASL pictures refer to
-        // pictures the decoder never had, and are not shown.
-        const bool no_rasl_output = irap && (type <= 20 || first_picture || after_end_of_sequence);
-        idr_or_irap = no_rasl_output;
-        intra = irap;
-        if (irap) skip_rasl = no_rasl_output;
-        const std::int64_t max = std::int64_t{1} << sps->log2_max_pic_order_cnt_lsb;
-        const std::int64_t lsb = h->slice_pic_order_cnt_lsb;
-        std::int64_t msb = 0;
-        if (!no_rasl_output) {
-            msb = prev_poc_msb;
-            if (lsb < prev_poc_lsb && prev_poc_lsb - lsb >= max / 2) {
-                msb += max;
-            } else if (lsb > prev_poc_lsb && lsb - prev_poc_lsb > max / 2) {
-                msb -= max;
-            }
-        }
-        u.poc = msb + lsb;
-        if (h->temporal_id == 0 && !h265_radl_or_rasl(type) && !h265_sub_layer_non_reference(type)) {
-            prev_poc_msb = msb;
-            prev_poc_lsb = lsb;
-        }
-        u.shown = h->pic_output_flag && !(h265_rasl(type) && skip_rasl);
-        after_end_of_sequence = false;
-    }
-    first_picture = false;
-    if (idr_or_irap) {
-        // A new picture order count: everything before it is shown first.
-        while (!waiting.empty()) {
-            if (!show_next()) return false;
-        }
-        last_shown_poc.reset();
-    }
-    const bool random_access_units = std::any_of(u.nals.begin(), u.nals.begin() + static_cast<std::ptrdiff_t>(u.picture) + 1,
-                                                 [&](const Nal& n) { return library_random_access_type(*codec, n.type); });
-    u.eligible = intra && random_access_units;
-    scan_sei(u);
     return true;
 }
 
@@ -417,7 +250,7 @@ void StreamStamper::Impl::scan_sei(Unit& u) {
         if (found == messages->end()) continue;
         if (*codec == Codec::h264 && !u.encoder.pic_struct && !u.encoder.cpb_removal_delay) {
             if (auto t = parse_h264_pic_timing(std::span(rbsp).subspan(found->payload, found->end - found->payload),
-                                               *active_h264)) {
+                                               *u.h264)) {
                 u.encoder = *t;
             }
         }
@@ -441,40 +274,9 @@ void StreamStamper::Impl::scan_sei(Unit& u) {
     u.insert_at = insert_at.value_or(u.nals[u.picture].sc_begin);
 }
 
-// Puts a picture in the queue for display order, and shows pictures as the
-// reorder window allows: once more pictures wait than the window holds, the
-// one with the lowest picture order count is next on screen.
-bool StreamStamper::Impl::place(Unit& u) {
-    if (!timing || !u.shown) {
-        // Not a picture we can place (before its parameter sets, or never
-        // shown): out as it came.
-        ++unstamped;
-        u.ready = true;
-        u.out.bytes = std::move(u.au);
-        return true;
-    }
-    waiting.push_back(&u);
-    while (waiting.size() > static_cast<std::size_t>(timing->reorder_window)) {
-        if (!show_next()) return false;
-    }
-    return true;
-}
-
-bool StreamStamper::Impl::show_next() {
-    const auto next = std::ranges::min_element(waiting, {}, [](const Unit* w) { return w->poc; });
-    Unit& u = **next;
-    waiting.erase(next);
-    if (last_shown_poc && u.poc <= *last_shown_poc) {
-        return fail("the stream reorders pictures further than its reorder window of " +
-                    std::to_string(timing->reorder_window) + " pictures allows, so display order cannot be known");
-    }
-    last_shown_poc = u.poc;
-    return stamp(u);
-}
-
 bool StreamStamper::Impl::stamp(Unit& u) {
     u.ready = true;
-    if (!synced && !u.eligible) {
+    if (!synced && !(u.intra && u.random_access_units)) {
         // Shown before the first random-access picture: no time code can be
         // counted back to it without holding the whole group of pictures.
         ++unstamped;
@@ -514,7 +316,7 @@ bool StreamStamper::Impl::stamp(Unit& u) {
 // the message to whole bytes, so readers find every field where the SPS
 // puts it and no stray bits follow.
 void StreamStamper::Impl::patch_h264(const Unit& u) {
-    const H264Sps& sps = *active_h264;
+    const H264Sps& sps = *u.h264;
     util_h26x_sei_tim_t& ctx = library.context();
     util_h264_sei_timing_t& t = ctx.h264_sei;
     ctx.config_param.h264_cpb_removal_delay_length = static_cast<UTIL_U8>(sps.cpb_removal_delay_length_minus1);
@@ -575,11 +377,10 @@ bool StreamStamper::push(std::span<const std::uint8_t> au, std::uint64_t tag, st
 }
 
 bool StreamStamper::finish() {
-    if (impl_->failed) return false;
-    while (!impl_->waiting.empty()) {
-        if (!impl_->show_next()) return false;
-    }
-    return true;
+    Impl& m = *impl_;
+    if (m.failed) return false;
+    if (m.order && (!m.order->flush(m.shown) || !m.stamp_shown())) return m.fail(m.order->error());
+    return !m.failed;
 }
 
 std::optional<StampedUnit> StreamStamper::pop() {
