@@ -379,6 +379,37 @@ int h264_num_clock_ts(int pic_struct) {
     return pic_struct >= 0 && pic_struct < 9 ? kNumClockTs[pic_struct] : 0;
 }
 
+namespace {
+
+// clock_timestamp() after its flag, the same in both standards but for
+// H.264's ct_type in front and the width of n_frames.
+ClockTimestamp clock_timestamp(Bits& b, bool h264, int time_offset_length) {
+    ClockTimestamp c;
+    if (h264) c.ct_type = static_cast<int>(b.u(2));
+    c.field_based = b.flag();
+    c.counting_type = static_cast<int>(b.u(5));
+    c.full_timestamp = b.flag();
+    c.discontinuity = b.flag();
+    c.cnt_dropped = b.flag();
+    c.n_frames = static_cast<int>(b.u(h264 ? 8 : 9));
+    if (c.full_timestamp) {
+        c.seconds = static_cast<int>(b.u(6));
+        c.minutes = static_cast<int>(b.u(6));
+        c.hours = static_cast<int>(b.u(5));
+    } else if (b.flag()) {  // seconds_flag
+        c.seconds = static_cast<int>(b.u(6));
+        if (b.flag()) {  // minutes_flag
+            c.minutes = static_cast<int>(b.u(6));
+            if (b.flag()) c.hours = static_cast<int>(b.u(5));  // hours_flag
+        }
+    }
+    if (!h264) time_offset_length = static_cast<int>(b.u(5));
+    b.skip(time_offset_length);  // time_offset / time_offset_value
+    return c;
+}
+
+}  // namespace
+
 std::optional<H264PicTiming> parse_h264_pic_timing(std::span<const std::uint8_t> payload, const H264Sps& sps) {
     Bits b(payload);
     H264PicTiming t;
@@ -389,12 +420,26 @@ std::optional<H264PicTiming> parse_h264_pic_timing(std::span<const std::uint8_t>
     if (sps.pic_struct_present_flag) {
         t.pic_struct = static_cast<int>(b.u(4));
         const int num_clock_ts = h264_num_clock_ts(*t.pic_struct);
-        for (int i = 0; i < num_clock_ts && b.ok() && !t.ct_type; ++i) {
-            if (b.flag()) t.ct_type = static_cast<int>(b.u(2));  // clock_timestamp_flag[i], ct_type
+        for (int i = 0; i < num_clock_ts && b.ok() && !t.clock; ++i) {
+            if (b.flag()) t.clock = clock_timestamp(b, true, sps.time_offset_length);  // clock_timestamp_flag[i]
         }
+        if (t.clock) t.ct_type = t.clock->ct_type;
     }
     if (!b.ok()) return std::nullopt;
     return t;
+}
+
+std::optional<ClockTimestamp> parse_h265_time_code(std::span<const std::uint8_t> payload) {
+    Bits b(payload);
+    const int num_clock_ts = static_cast<int>(b.u(2));
+    std::optional<ClockTimestamp> first;
+    for (int i = 0; i < num_clock_ts && b.ok(); ++i) {
+        if (!b.flag()) continue;  // clock_timestamp_flag[i]
+        const ClockTimestamp c = clock_timestamp(b, false, 0);
+        if (!first) first = c;
+    }
+    if (!b.ok()) return std::nullopt;
+    return first;
 }
 
 std::optional<H265Sps> parse_h265_sps(std::span<const std::uint8_t> nal) {

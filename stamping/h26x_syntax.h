@@ -75,16 +75,37 @@ std::optional<H264SliceHeader> parse_h264_slice_header(std::span<const std::uint
 // The slice header's pic_parameter_set_id, read before the PPS is known.
 std::optional<int> h264_slice_pps_id(std::span<const std::uint8_t> nal);
 
-// What an encoder's own picture-timing message says about the picture.
+// The first clock timestamp of a picture-timing (H.264) or time-code
+// (H.265) message.
+struct ClockTimestamp {
+    int ct_type = -1;          // H.264 only
+    bool field_based = false;  // nuit_field_based_flag / units_field_based_flag
+    int counting_type = 0;
+    bool full_timestamp = false;
+    bool discontinuity = false;
+    bool cnt_dropped = false;
+    int n_frames = 0;
+    // Absent in the short form when not sent: the previous picture's value
+    // holds.
+    std::optional<int> seconds;
+    std::optional<int> minutes;
+    std::optional<int> hours;
+};
+
+// What a picture-timing message says about the picture.
 struct H264PicTiming {
     std::optional<std::uint32_t> cpb_removal_delay;
     std::optional<std::uint32_t> dpb_output_delay;
     std::optional<int> pic_struct;
     std::optional<int> ct_type;  // of the first clock timestamp present
+    std::optional<ClockTimestamp> clock;
 };
 std::optional<H264PicTiming> parse_h264_pic_timing(std::span<const std::uint8_t> payload, const H264Sps& sps);
 // Clock timestamps in a picture-timing message with this pic_struct.
 int h264_num_clock_ts(int pic_struct);
+
+// The first clock timestamp of an H.265 time-code message, if it has one.
+std::optional<ClockTimestamp> parse_h265_time_code(std::span<const std::uint8_t> payload);
 
 struct H265Sps {
     int sps_seq_parameter_set_id = 0;

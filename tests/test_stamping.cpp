@@ -3,7 +3,10 @@
 #include "annexb.h"
 #include "au_stamper.h"
 #include "stream_stamper.h"
+#include "timecode_reader.h"
 #include "test_support.h"
+
+#include <functional>
 
 using namespace qtest;
 using namespace tcstamp;
@@ -72,6 +75,136 @@ TEST(AnnexB, TimeCodeLabels) {
         EXPECT_EQ(label_exists(r.tc, r.fps_x100), r.exists) << time_code_text(r.tc, false) << " @" << r.fps_x100;
     }
 }
+
+Bytes sample(const char* name) {
+    const std::string path = std::string(QUILLANE_SAMPLES_DIR) + "/" + name;
+    std::FILE* f = std::fopen(path.c_str(), "rb");
+    EXPECT_NE(f, nullptr) << path;
+    Bytes s(1 << 22);
+    s.resize(f != nullptr ? std::fread(s.data(), 1, s.size(), f) : 0);
+    if (f != nullptr) std::fclose(f);
+    return s;
+}
+
+std::vector<Bytes> access_units(const Bytes& s, Codec codec) {
+    AccessUnitSplitter splitter(codec);
+    splitter.feed(s);
+    splitter.finish();
+    std::vector<Bytes> aus;
+    while (auto au = splitter.next()) aus.emplace_back(au->begin(), au->end());
+    return aus;
+}
+
+}  // namespace
+
+// Stamps a sample, damages the result as a faulty device or editor would,
+// and reads it back: a clean stream has no finding, each damage gives its
+// own at the picture it touched.
+TEST(TimeCodeReader, FindsExactlyTheDamage) {
+    const auto stamp = [](const Bytes& s, TimeCode start) {
+        StreamOptions o;
+        o.start = start;
+        StreamStamper st(o);
+        std::vector<Bytes> out;
+        for (const Bytes& au : access_units(s, Codec::h264)) EXPECT_TRUE(st.push(au)) << st.error();
+        EXPECT_TRUE(st.finish()) << st.error();
+        while (auto u = st.pop()) out.push_back(u->bytes);
+        return out;
+    };
+    // The byte range of an access unit's first unit of a type, start code included.
+    const auto unit = [](const Bytes& au, int type) {
+        const std::vector<Nal> nals = split_nal_units(au, Codec::h264);
+        for (std::size_t k = 0; k < nals.size(); ++k) {
+            if (nals[k].type == type) return std::pair(nals[k].sc_begin, k + 1 < nals.size() ? nals[k + 1].sc_begin : au.size());
+        }
+        return std::pair(au.size(), au.size());
+    };
+    const auto swap_sps = [&](std::vector<Bytes>& aus, const Bytes& from) {
+        const Bytes first = access_units(from, Codec::h264)[0];
+        const auto [b, e] = unit(first, 7);
+        const Bytes sps(first.begin() + static_cast<std::ptrdiff_t>(b), first.begin() + static_cast<std::ptrdiff_t>(e));
+        for (Bytes& au : aus) {
+            const auto [ab, ae] = unit(au, 7);
+            if (ab == au.size()) continue;
+            au.erase(au.begin() + static_cast<std::ptrdiff_t>(ab), au.begin() + static_cast<std::ptrdiff_t>(ae));
+            au.insert(au.begin() + static_cast<std::ptrdiff_t>(ab), sps.begin(), sps.end());
+        }
+    };
+    const Bytes s2997 = sample("sample_2997.264");
+    const Bytes s25 = sample("sample_25.264");
+    const Bytes s30 = sample("sample_30.264");
+    // 00:00:59;20 crosses the first minute, whose counts 00 and 01 drop.
+    const std::vector<Bytes> clean = stamp(s2997, {0, 0, 59, 20});
+    ASSERT_EQ(clean.size(), 60u);
+    const auto sei_of = [&](std::size_t k) {
+        const auto [b, e] = unit(clean[k], 6);
+        return Bytes(clean[k].begin() + static_cast<std::ptrdiff_t>(b), clean[k].begin() + static_cast<std::ptrdiff_t>(e));
+    };
+    const struct {
+        const char* damage;
+        std::function<std::vector<Bytes>()> make;
+        std::uint64_t frame;  // of the first finding
+        const char* finding;  // 0: none at all
+    } rows[] = {
+        {"none", [&] { return clean; }, 0, nullptr},
+        {"time code removed", [&] {
+             auto a = clean;
+             const auto [b, e] = unit(a[5], 6);
+             a[5].erase(a[5].begin() + static_cast<std::ptrdiff_t>(b), a[5].begin() + static_cast<std::ptrdiff_t>(e));
+             return a;
+         }, 5, "no time code"},
+        {"time code twice", [&] {
+             auto a = clean;
+             const Bytes sei = sei_of(7);
+             a[7].insert(a[7].begin() + static_cast<std::ptrdiff_t>(unit(a[7], 6).first), sei.begin(), sei.end());
+             return a;
+         }, 7, "2 time-code messages"},
+        {"label changed", [&] {
+             auto a = clean;
+             const auto [b, e] = unit(a[20], 6);
+             const Bytes other = sei_of(25);
+             a[20].erase(a[20].begin() + static_cast<std::ptrdiff_t>(b), a[20].begin() + static_cast<std::ptrdiff_t>(e));
+             a[20].insert(a[20].begin() + static_cast<std::ptrdiff_t>(b), other.begin(), other.end());
+             return a;
+         }, 20, "00:01:00;17 does not follow 00:01:00;11 (expected 00:01:00;12): a discontinuity without discontinuity_flag"},
+        {"wrong rate", [&] {
+             auto a = clean;
+             swap_sps(a, s25);
+             return a;
+         }, 5, "frame count 25 beyond the rate of 25.00 fps"},
+        {"drop-frame counts at a rate that keeps them", [&] {
+             auto a = clean;
+             swap_sps(a, s30);
+             return a;
+         }, 10, "skips 00:01:00:00 and 1 more, labels that exist at 30.00 fps"},
+        {"label that cannot exist", [&] {
+             auto a = stamp(s30, {0, 0, 59, 20});
+             swap_sps(a, s2997);
+             return a;
+         }, 10, "00:01:00;00 cannot exist with drop-frame counting at 29.97 fps"},
+    };
+    for (const auto& row : rows) {
+        TimeCodeReader reader(Codec::h264);
+        for (const Bytes& au : row.make()) ASSERT_TRUE(reader.push(au)) << row.damage << ": " << reader.error();
+        ASSERT_TRUE(reader.finish());
+        std::vector<std::pair<std::uint64_t, std::string>> findings;
+        std::uint64_t frames = 0;
+        while (auto f = reader.pop()) {
+            EXPECT_EQ(f->index, frames++);
+            for (const std::string& finding : f->findings) findings.emplace_back(f->index, finding);
+        }
+        EXPECT_EQ(frames, 60u) << row.damage;
+        if (row.finding == nullptr) {
+            EXPECT_TRUE(findings.empty()) << row.damage << ": " << findings.front().second;
+            continue;
+        }
+        ASSERT_FALSE(findings.empty()) << row.damage;
+        EXPECT_EQ(findings.front().first, row.frame) << row.damage;
+        EXPECT_EQ(findings.front().second, row.finding) << row.damage;
+    }
+}
+
+namespace {
 
 // The tool reads its input in pieces: cutting a real stream into access
 // units piece by piece gives the same units as cutting it whole, whatever

@@ -60,6 +60,10 @@ check() {
     ffprobe -v error -show_entries frame_tags=timecode -of flat "$out" |
         sed -n 's/^frames\.frame\.[0-9]*\.tags\.timecode="\(.*\)"$/\1/p' | tr ';' ':' >ffprobe.txt
     cmp -s expected.txt ffprobe.txt || { fail "$out: FFmpeg reads other labels (< expected, > ffprobe):"; diff expected.txt ffprobe.txt | head -n 8 >&2; }
+    # Our own reader finds nothing wrong, and reads what FFmpeg reads.
+    "$tcstamp" --verify "$out" >verify.txt 2>&1 || fail "$out: --verify reports: $(grep -m 3 '^!' verify.txt)"
+    grep -v '^!' verify.txt | sed '$d' | awk '$3 != "-" { print $3 }' | tr ';' ':' >verify_labels.txt
+    cmp -s ffprobe.txt verify_labels.txt || { fail "$out: --verify reads other labels than FFmpeg (< ffprobe, > verify):"; diff ffprobe.txt verify_labels.txt | head -n 8 >&2; }
     "$reader" "$codec" "$out" 2>gst.err | grep -v '^none$' | cut -d' ' -f1 | tr ';,.' ':::' >gst.txt
     cmp -s expected.txt gst.txt || { fail "$out: GStreamer reads other labels (< expected, > GStreamer):"; diff expected.txt gst.txt | head -n 8 >&2; }
     # Stamping adds no decoding error (a cut stream has its own).
@@ -160,6 +164,10 @@ refuse 1 'asks for drop-frame counting' plain.h264 out.bin --start '00:00:00;10'
 refuse 2 'takes HH:MM:SS:FF' plain.h264 out.bin --start 1:2:3
 refuse 2 'expects IN and OUT' plain.h264
 refuse 2 'unknown option' plain.h264 out.bin --frobnicate
+refuse 2 'expects IN alone' --verify plain.h264 out.bin
+# An unstamped stream verifies with findings, exit status 1.
+"$tcstamp" --verify plain.h264 >verify.txt 2>&1
+[ $? -eq 1 ] && grep -q '^! frame 0: a time-code message without a clock timestamp' verify.txt || fail "--verify on an unstamped stream: $(tail -n 2 verify.txt)"
 # Standard input and output, with the summary on standard error.
 "$tcstamp" - - --start 01:00:00:00 <plain.h264 >piped.h264 2>piped.err || fail "- - failed: $(cat piped.err)"
 "$tcstamp" plain.h264 file.h264 --start 01:00:00:00 2>/dev/null

@@ -17,6 +17,7 @@
 
 #include "annexb.h"
 #include "stream_stamper.h"
+#include "timecode_reader.h"
 #include "util_function.h"
 
 using tcstamp::Codec;
@@ -25,6 +26,7 @@ namespace {
 
 const char* kUsage =
     "usage: quillane-tcstamp IN OUT [options]\n"
+    "       quillane-tcstamp --verify IN [--json] [--codec h264|h265]\n"
     "\n"
     "Stamps every picture of the H.264 or H.265 Annex B stream IN with a clock\n"
     "time code (H.264 picture timing SEI, H.265 time code SEI) and writes OUT.\n"
@@ -49,7 +51,16 @@ const char* kUsage =
     "  --trace FILE         write the library's trace output to FILE\n"
     "  --help               this text\n"
     "\n"
-    "exit status: 0 stamped, 1 the input could not be read or stamped, 2 usage error\n";
+    "--verify reads the time codes of IN instead, lists every picture in presentation\n"
+    "order (index, picture type, time code, clock timestamp fields) and reports, with\n"
+    "the picture's index: pictures without a time code or with more than one, labels\n"
+    "that do not advance by one frame at the stream's rate (unless discontinuity_flag\n"
+    "says so), labels drop-frame counting skips or should not have skipped, frame\n"
+    "counts beyond the rate, and drift of the labels from the pictures shown.\n"
+    "  --json               one JSON object per picture, then one with the summary\n"
+    "\n"
+    "exit status: 0 stamped (--verify: no findings), 1 the input could not be read or\n"
+    "stamped (--verify: findings), 2 usage error\n";
 
 struct Options {
     std::string in;
@@ -60,6 +71,8 @@ struct Options {
     bool start_drop_frame = false;
     bool list = false;
     std::string trace;
+    bool verify = false;
+    bool json = false;
 };
 
 [[noreturn]] void usage_error(const std::string& msg) {
@@ -106,6 +119,10 @@ Options parse_args(int argc, char** argv) {
             if (!o.start) usage_error("--start takes HH:MM:SS:FF (or HH:MM:SS;FF)");
         } else if (a == "--list") {
             o.list = true;
+        } else if (a == "--verify") {
+            o.verify = true;
+        } else if (a == "--json") {
+            o.json = true;
         } else if (a == "--trace") {
             o.trace = value();
         } else if (!a.empty() && a[0] == '-' && a != "-") {
@@ -114,6 +131,13 @@ Options parse_args(int argc, char** argv) {
             positional.push_back(a);
         }
     }
+    if (o.verify) {
+        if (positional.size() != 1) usage_error("--verify expects IN alone (see --help)");
+        if (o.list || o.start || o.fps_x100 || !o.trace.empty()) usage_error("--verify takes only --json and --codec");
+        o.in = positional[0];
+        return o;
+    }
+    if (o.json) usage_error("--json goes with --verify");
     if (positional.size() != 2) usage_error("expects IN and OUT (see --help)");
     o.in = positional[0];
     o.out = positional[1];
@@ -291,12 +315,116 @@ int Tool::run() {
     return 0;
 }
 
+// Findings go into JSON strings: quotes and backslashes escaped.
+std::string json_text(const std::string& s) {
+    std::string out;
+    for (char c : s) {
+        if (c == '"' || c == '\\') out += '\\';
+        out += c;
+    }
+    return out;
+}
+
+int verify(const Options& opt) {
+    const std::string name = opt.in == "-" ? "standard input" : opt.in;
+    const auto fail = [&](const std::string& msg) {
+        std::fprintf(stderr, "quillane-tcstamp: %s\n", msg.c_str());
+        std::exit(1);
+    };
+    FILE* in = opt.in == "-" ? stdin : std::fopen(opt.in.c_str(), "rb");
+    if (in == nullptr) fail("cannot read " + name + ": " + std::strerror(errno));
+    struct stat st{};
+    if (::fstat(fileno(in), &st) == 0 && S_ISDIR(st.st_mode)) fail("cannot read " + name + ": it is a directory");
+    util_ops_pfun->dbgout->pstDebugAttr->get()->enType = UTIL_DBGOUT_ENUM_TYPE_NOLOG;
+
+    std::vector<std::uint8_t> chunk(1 << 20);
+    std::size_t got = std::fread(chunk.data(), 1, chunk.size(), in);
+    const std::span<const std::uint8_t> head(chunk.data(), got);
+    if (!(got >= 3 && head[0] == 0 && head[1] == 0 && (head[2] == 1 || (got >= 4 && head[2] == 0 && head[3] == 1)))) {
+        fail(name + ": not an Annex B H.264/H.265 stream (it does not begin with a start code)");
+    }
+    const std::optional<Codec> seen = tcstamp::codec_of(head, tcstamp::split_nal_units(head, Codec::h264));
+    if (seen && opt.codec && *seen != *opt.codec) fail(name + ": the stream is not the codec given");
+    if (!seen && !opt.codec) fail(name + ": cannot tell whether the stream is H.264 or H.265; give --codec");
+    const Codec codec = seen ? *seen : *opt.codec;
+
+    tcstamp::TimeCodeReader reader(codec);
+    std::uint64_t frames = 0;
+    std::uint64_t labelled = 0;
+    const auto print = [&] {
+        while (std::optional<tcstamp::FrameTimeCode> f = reader.pop()) {
+            ++frames;
+            const bool drop = f->clock && f->clock->counting_type == 4;
+            const std::string tc = f->label ? tcstamp::time_code_text(*f->label, drop) : "";
+            labelled += f->label ? 1 : 0;
+            if (opt.json) {
+                std::printf("{\"index\":%llu,\"type\":\"%c\",\"time_code\":%s%s%s", static_cast<unsigned long long>(f->index),
+                            f->type, f->label ? "\"" : "", f->label ? tc.c_str() : "null", f->label ? "\"" : "");
+                if (f->clock) {
+                    const tcstamp::ClockTimestamp& c = *f->clock;
+                    if (c.ct_type >= 0) std::printf(",\"ct_type\":%d", c.ct_type);
+                    std::printf(",\"field_based\":%d,\"counting_type\":%d,\"discontinuity\":%d,\"cnt_dropped\":%d",
+                                c.field_based ? 1 : 0, c.counting_type, c.discontinuity ? 1 : 0, c.cnt_dropped ? 1 : 0);
+                }
+                std::printf(",\"findings\":[");
+                for (std::size_t k = 0; k < f->findings.size(); ++k) {
+                    std::printf("%s\"%s\"", k == 0 ? "" : ",", json_text(f->findings[k]).c_str());
+                }
+                std::printf("]}\n");
+                continue;
+            }
+            std::printf("%llu %c %s", static_cast<unsigned long long>(f->index), f->type, f->label ? tc.c_str() : "-");
+            if (f->clock) {
+                const tcstamp::ClockTimestamp& c = *f->clock;
+                if (c.ct_type >= 0) std::printf(" ct_type=%d", c.ct_type);
+                std::printf(" field_based=%d counting_type=%d cnt_dropped=%d", c.field_based ? 1 : 0, c.counting_type,
+                            c.cnt_dropped ? 1 : 0);
+                if (c.discontinuity) std::printf(" discontinuity=1");
+            }
+            std::printf("\n");
+            for (const std::string& finding : f->findings) {
+                std::printf("! frame %llu: %s\n", static_cast<unsigned long long>(f->index), finding.c_str());
+            }
+        }
+    };
+    tcstamp::AccessUnitSplitter splitter(codec);
+    const auto take = [&] {
+        while (std::optional<std::span<const std::uint8_t>> au = splitter.next()) {
+            if (!reader.push(*au)) fail(name + ": " + reader.error());
+            print();
+        }
+    };
+    while (got > 0) {
+        splitter.feed(std::span<const std::uint8_t>(chunk.data(), got));
+        take();
+        got = std::fread(chunk.data(), 1, chunk.size(), in);
+        if (std::ferror(in) != 0) fail("cannot read " + name + ": " + std::strerror(errno));
+    }
+    splitter.finish();
+    take();
+    if (!reader.finish()) fail(name + ": " + reader.error());
+    print();
+    const int fps = reader.fps_x100().value_or(0);
+    const char* codec_name = codec == Codec::h264 ? "H.264" : "H.265";
+    if (opt.json) {
+        std::printf("{\"summary\":{\"codec\":\"%s\",\"fps_x100\":%d,\"frames\":%llu,\"time_codes\":%llu,\"findings\":%llu}}\n",
+                    codec_name, fps, static_cast<unsigned long long>(frames), static_cast<unsigned long long>(labelled),
+                    static_cast<unsigned long long>(reader.findings()));
+    } else {
+        std::printf("%llu pictures, %llu with a time code, %llu findings (%s, %d.%02d fps%s)\n",
+                    static_cast<unsigned long long>(frames), static_cast<unsigned long long>(labelled),
+                    static_cast<unsigned long long>(reader.findings()), codec_name, fps / 100, fps % 100,
+                    fps == 0 ? ": no timing information, labels not checked against a rate" : "");
+    }
+    return reader.findings() == 0 && frames > 0 ? 0 : 1;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     const Options opt = parse_args(argc, argv);
     try {
-        return Tool(opt).run();
+        return opt.verify ? verify(opt) : Tool(opt).run();
     } catch (const std::bad_alloc&) {
         std::fputs("quillane-tcstamp: out of memory\n", stderr);
         return 1;
