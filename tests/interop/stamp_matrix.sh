@@ -36,7 +36,8 @@ encode() {
     shift 4
     format=h264
     [ "$codec" = h265 ] && format=hevc
-    ffmpeg -nostdin -v error -y -f lavfi -i "testsrc=size=160x120:rate=$rate" -frames:v "$frames" "$@" \
+    # testsrc2 moves enough for x264 to choose B-frames on its own.
+    ffmpeg -nostdin -v error -y -f lavfi -i "testsrc2=size=160x120:rate=$rate" -frames:v "$frames" "$@" \
         -f $format "$file" || fail "ffmpeg could not encode"
 }
 
