@@ -4,8 +4,10 @@
 #include "au_stamper.h"
 #include "stream_stamper.h"
 #include "timecode_reader.h"
+#include "h26x_syntax.h"
 #include "test_support.h"
 
+#include <algorithm>
 #include <functional>
 
 using namespace qtest;
@@ -202,6 +204,59 @@ TEST(TimeCodeReader, FindsExactlyTheDamage) {
         EXPECT_EQ(findings.front().first, row.frame) << row.damage;
         EXPECT_EQ(findings.front().second, row.finding) << row.damage;
     }
+}
+
+// An encoder that packs its picture timing with other messages into one SEI
+// unit: the timing message is taken out of it, the rest stays, and the
+// result stamps to the same bytes again.
+TEST(StreamStamper, ReplacesTimingInsideAMultiMessageUnit) {
+    const auto stamp = [](const std::vector<Bytes>& aus) {
+        StreamOptions o;
+        o.start = TimeCode{1, 0, 0, 0};
+        StreamStamper st(o);
+        for (const Bytes& au : aus) EXPECT_TRUE(st.push(au)) << st.error();
+        EXPECT_TRUE(st.finish()) << st.error();
+        std::vector<Bytes> out;
+        while (auto u = st.pop()) out.push_back(u->bytes);
+        return out;
+    };
+    std::vector<Bytes> once = stamp(access_units(sample("sample_2997.264"), Codec::h264));
+    // Our timing unit (06 01 ...) becomes one unit holding a user-data
+    // message (type 5, 17 bytes), the timing message, and trailing bits.
+    const Bytes user_data = {0x05, 0x11, 0xDC, 0x45, 0xE9, 0xBD, 0xE6, 0xD9, 0x48, 0xB7, 0x96, 0x2C,
+                             0xD8, 0x20, 0xD9, 0x23, 0xEE, 0xEF, 0x61, 0x62};
+    std::vector<Bytes> merged;
+    for (const Bytes& au : once) {
+        const std::vector<Nal> nals = split_nal_units(au, Codec::h264);
+        const auto sei = std::ranges::find_if(nals, [](const Nal& n) { return n.type == 6; });
+        ASSERT_NE(sei, nals.end());
+        Bytes rbsp = unescape(std::span(au).subspan(sei->offset + 1, sei->size - 1));
+        rbsp.insert(rbsp.begin(), user_data.begin(), user_data.end());
+        Bytes unit = {0, 0, 0, 1, 0x06};
+        escape_into(rbsp, unit);
+        Bytes m(au.begin(), au.begin() + static_cast<std::ptrdiff_t>(sei->sc_begin));
+        m.insert(m.end(), unit.begin(), unit.end());
+        const std::size_t rest = sei->offset + sei->size;
+        m.insert(m.end(), au.begin() + static_cast<std::ptrdiff_t>(rest), au.end());
+        merged.push_back(std::move(m));
+    }
+    const std::vector<Bytes> again = stamp(merged);
+    ASSERT_EQ(again.size(), merged.size());
+    // One timing message per picture, the labels as before, the user data kept.
+    TimeCodeReader reader(Codec::h264);
+    for (const Bytes& au : again) {
+        ASSERT_TRUE(reader.push(au));
+        EXPECT_NE(std::search(au.begin(), au.end(), user_data.begin() + 2, user_data.end()), au.end());
+    }
+    ASSERT_TRUE(reader.finish());
+    std::size_t frames = 0;
+    while (const auto f = reader.pop()) {
+        EXPECT_EQ(f->messages, 1) << f->index;
+        EXPECT_TRUE(f->findings.empty()) << f->index;
+        ++frames;
+    }
+    EXPECT_EQ(frames, again.size());
+    EXPECT_EQ(stamp(again), again);
 }
 
 namespace {
