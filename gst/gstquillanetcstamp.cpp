@@ -826,4 +826,4 @@ static gboolean plugin_init(GstPlugin* plugin) {
 
 GST_PLUGIN_DEFINE(GST_VERSION_MAJOR, GST_VERSION_MINOR, quillanetcstamp,
                   "Clock time code SEI for H.264 and H.265 streams, from QuillaneUtil", plugin_init, QUILLANE_VERSION,
-                  "Proprietary", "QuillaneUtil", "QuillaneUtil")
+                  "MIT/X11", "QuillaneUtil", "QuillaneUtil")

@@ -1,54 +1,78 @@
 #!/usr/bin/env bash
-# Builds the Debian packages for amd64 and arm64 (library, -dev, tools),
-# installs the amd64 ones on this machine, builds a C client against them with
-# find_package and with pkg-config and runs it, then removes them again; the
-# arm64 packages are checked by their contents: architecture, file list,
-# SONAME and the library's machine.
+# Builds the Debian packages from debian/ with dpkg-buildpackage: for amd64
+# the library, -dev, the tools and the GStreamer element, checked with
+# lintian; then installs them on this machine, builds a C client against them
+# with find_package and with pkg-config, runs both tools and a pipeline
+# through the installed element, purges them and checks that nothing is left
+# behind. The arm64 packages (without the element: no arm64 GStreamer here)
+# are cross-built and checked by their contents: architecture, file list,
+# SONAME, the library's machine, Depends, stripped binaries, no run path.
 #   scripts/package.sh    packages end up in build-pkg/ and build-pkg-aarch64/
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 # shellcheck source=deps.sh
 source "$root/scripts/deps.sh"
-quillane_ensure_packages "${quillane_build_packages[@]}" "${quillane_cross_packages[@]}" dpkg-dev file
+quillane_ensure_packages "${quillane_build_packages[@]}" "${quillane_cross_packages[@]}" dpkg-dev debhelper \
+    lintian file libgstreamer-plugins-base1.0-dev gstreamer1.0-tools gstreamer1.0-plugins-bad
 
-# The check installs and removes the packages: never over copies a person put there.
-if dpkg-query -W -f='${Status}' libquillaneutil1 2>/dev/null | grep -q 'install ok installed'; then
-    echo "libquillaneutil1 is installed on this machine; remove it first (dpkg -r quillaneutil-tools" \
-        "libquillaneutil-dev libquillaneutil1)" >&2
+fail() {
+    echo "$*" >&2
+    exit 1
+}
+
+names=(libquillaneutil1 libquillaneutil-dev quillaneutil-tools gstreamer1.0-quillane)
+# The check installs and purges the packages: never over copies a person put there.
+for name in "${names[@]}"; do
+    if dpkg-query -W -f='${Status}' "$name" 2>/dev/null | grep -q 'installed'; then
+        echo "$name is installed on this machine; remove it first (dpkg --purge ${names[*]})" >&2
+        exit 1
+    fi
+done
+
+version=$(sed -n 's/^project(QuillaneUtil VERSION \([0-9.]*\).*/\1/p' "$root/CMakeLists.txt")
+deb_version=$(dpkg-parsechangelog -l "$root/debian/changelog" -S Version)
+if [ "$deb_version" != "$version" ]; then
+    echo "debian/changelog is at $deb_version but CMakeLists.txt at $version: add a changelog entry" >&2
     exit 1
 fi
 
-# Builds and packages one tree; the log is shown when a step fails.
-package() {
-    local build=$1
+# dpkg-buildpackage writes the packages beside the source tree: build from a
+# copy of the checkout's files in OUT/src, so that they land in OUT. The log
+# is shown when a step fails.
+build_debs() {
+    local out=$1
     shift
-    rm -rf "$build"
-    mkdir -p "$build"
-    local log=$build/package.log
-    if ! { cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr \
-        -DQUILLANE_BUILD_TESTS=OFF -DQUILLANE_BUILD_EXAMPLES=OFF -DQUILLANE_BUILD_GST=OFF "$@" &&
-        cmake --build "$build" && (cd "$build" && cpack); } >"$log" 2>&1; then
-        cat "$log" >&2
+    rm -rf "$out"
+    mkdir -p "$out/src"
+    (cd "$root" && git ls-files -z --cached --others --exclude-standard |
+        tar --null -T - --ignore-failed-read -cf -) | tar -C "$out/src" -xf - ||
+        fail "cannot copy the checkout's files (git ls-files) to $out/src"
+    if ! (cd "$out/src" && DEB_BUILD_OPTIONS="nocheck parallel=$(nproc)" \
+        dpkg-buildpackage -b -us -uc "$@") >"$out/build.log" 2>&1; then
+        tail -n 60 "$out/build.log" >&2
         exit 1
     fi
 }
 
-names=(libquillaneutil1 libquillaneutil-dev quillaneutil-tools)
-version=$(sed -n 's/^project(QuillaneUtil VERSION \([0-9.]*\).*/\1/p' "$root/CMakeLists.txt")
-
 echo "=== amd64 packages"
-package "$root/build-pkg"
+build=$root/build-pkg
+build_debs "$build"
 debs=()
-for name in "${names[@]}"; do debs+=("$root/build-pkg/${name}_${version}_amd64.deb"); done
+for name in "${names[@]}"; do debs+=("$build/${name}_${version}_amd64.deb"); done
 ls -l "${debs[@]}"
+echo "lintian:"
+lintian --fail-on error,warning "${debs[@]}" "$build"/*-dbgsym_"${version}"_amd64.deb || fail "lintian found errors or warnings (above)"
+echo "lintian: no errors, no warnings"
 
 work=$(mktemp -d)
 cleanup() {
-    dpkg -r quillaneutil-tools libquillaneutil-dev libquillaneutil1 >/dev/null 2>&1 || true
+    dpkg --purge "${names[@]}" >/dev/null 2>&1 || true
     rm -rf "$work"
 }
 trap cleanup EXIT
 dpkg -i "${debs[@]}" >/dev/null
+grep -q 'libquillaneutil\.so\.1 ' <<<"$(ldconfig -p)" || fail "the ldconfig trigger did not run: libquillaneutil.so.1 not in the cache"
+
 client=$root/tests/install_client
 cmake -S "$client" -B "$work/client" -G Ninja >/dev/null
 cmake --build "$work/client" >/dev/null
@@ -56,38 +80,96 @@ cmake --build "$work/client" >/dev/null
 # shellcheck disable=SC2046
 cc -std=c99 -o "$work/pc_client" "$root/tests/c99_client.c" $(pkg-config --cflags --libs quillaneutil)
 "$work/pc_client"
-quillane-tcstamp --help >/dev/null
-quillane-netinfo --help >/dev/null
-echo "amd64 packages: installed, client built with find_package and pkg-config, tools run"
+
+for tool in quillane-tcstamp quillane-netinfo; do
+    ! grep -qE 'RUNPATH|RPATH' <<<"$(readelf -d "/usr/bin/$tool")" || fail "/usr/bin/$tool carries a run path"
+    [ -f "/usr/share/man/man1/$tool.1.gz" ] || fail "no manual page for $tool"
+    # Every option of the usage lines and of the option list is in the manual page.
+    page=$(zcat "/usr/share/man/man1/$tool.1.gz")
+    options=$("$tool" --help | awk 'NR == 1, /^$/ { print; next } /^  --/ { print $1 }')
+    while read -r option; do
+        grep -qF -- "\\-\\-${option#--}" <<<"$page" ||
+            fail "$tool: option $option missing from its manual page"
+    done < <(grep -oE -- '--[a-z][a-z-]*' <<<"$options" | sort -u)
+done
+quillane-netinfo lo >/dev/null
+quillane-tcstamp "$root/samples/sample_2997.264" "$work/tool.264" --start 01:00:00:00 2>/dev/null
+[ "$(wc -c <"$work/tool.264")" -gt "$(wc -c <"$root/samples/sample_2997.264")" ] || fail "quillane-tcstamp added nothing"
+
+# No plugin path of any kind: the element is found in the system's
+# multiarch plugin directory. The registry goes to the scratch directory so
+# that the caller's cache is left alone.
+gst_env=(env -u GST_PLUGIN_PATH -u GST_PLUGIN_PATH_1_0 -u GST_PLUGIN_SYSTEM_PATH -u GST_PLUGIN_SYSTEM_PATH_1_0
+    GST_REGISTRY="$work/registry.bin")
+"${gst_env[@]}" gst-inspect-1.0 quillanetcstamp >"$work/inspect.txt" 2>&1 ||
+    { cat "$work/inspect.txt" >&2; fail "gst-inspect-1.0 does not find the installed element"; }
+grep -q 'License.*MIT/X11' "$work/inspect.txt" || fail "the element does not carry the project's licence"
+"${gst_env[@]}" gst-launch-1.0 -q filesrc location="$root/samples/sample_2997.264" ! h264parse \
+    ! quillanetcstamp source=start start-time-code=01:00:00:00 ! filesink location="$work/element.264"
+# The element and the tool share their stamping, and stamping a stamped stream
+# again changes nothing: the tool with the same start leaves the element's
+# output as it is (and would add time codes the element had not).
+quillane-tcstamp "$work/element.264" "$work/restamped.264" --start 01:00:00:00 2>/dev/null
+cmp -s "$work/element.264" "$work/restamped.264" || fail "the installed element and tool stamp differently"
+echo "amd64 packages: installed, client built with find_package and pkg-config, tools and element run"
+
+installed=$(dpkg -L "${names[@]}" | sort -u)
+dpkg --purge "${names[@]}" >/dev/null
+left=()
+while IFS= read -r path; do
+    [ -e "$path" ] || [ -L "$path" ] || continue
+    if [ -d "$path" ] && [ ! -L "$path" ]; then
+        # Shared directories stay while other packages or files use them.
+        dpkg -S "$path" >/dev/null 2>&1 && continue
+        [ -n "$(ls -A "$path")" ] && continue
+    fi
+    left+=("$path")
+done <<<"$installed"
+[ ${#left[@]} -eq 0 ] || fail "left behind after purge: ${left[*]}"
+! grep -q libquillaneutil <<<"$(ldconfig -p)" || fail "libquillaneutil still in the ldconfig cache after purge"
+echo "amd64 packages: purged, nothing left behind"
 
 echo "=== arm64 packages"
 cross=$root/build-pkg-aarch64
-# The cross compiler has no multiarch directory of its own to report: name
-# Debian's, as the amd64 build gets it.
-package "$cross" --toolchain "$root/cmake/toolchain-aarch64-linux-gnu.cmake" \
-    -DCMAKE_INSTALL_LIBDIR=lib/aarch64-linux-gnu
-libdir=usr/lib/aarch64-linux-gnu
-expect_runtime=("./$libdir/libquillaneutil.so.$version" "./$libdir/libquillaneutil.so.1")
-expect_dev=("./usr/include/quillaneutil/util_function.h" "./usr/include/quillaneutil/util_net_function.h"
-    "./$libdir/libquillaneutil.so" "./$libdir/pkgconfig/quillaneutil.pc"
-    "./$libdir/cmake/QuillaneUtil/QuillaneUtilConfig.cmake")
-expect_tools=("./usr/bin/quillane-tcstamp" "./usr/bin/quillane-netinfo")
+# Without multiarch the arm64 build dependencies cannot be installed here (-d);
+# the cross toolchain stands in for them.
+build_debs "$cross" -aarm64 -Pcross,nogst -d
+multiarch=aarch64-linux-gnu
+libdir=usr/lib/$multiarch
 check_contents() {
     local deb=$1
     shift
-    [ "$(dpkg-deb -f "$deb" Architecture)" = arm64 ] || { echo "$deb: not arm64" >&2; exit 1; }
+    [ "$(dpkg-deb -f "$deb" Architecture)" = arm64 ] || fail "$deb: not arm64"
     local list
     list=$(dpkg-deb -c "$deb" | awk '{print $6}')
     for path in "$@"; do
-        grep -qxF "$path" <<<"$list" || { echo "$deb: $path missing" >&2; exit 1; }
+        grep -qxF "$path" <<<"$list" || fail "$deb: $path missing"
     done
-    echo "$(basename "$deb"): arm64, $(wc -l <<<"$list") entries"
+    echo "$(basename "$deb"): arm64, $(wc -l <<<"$list") entries, Depends: $(dpkg-deb -f "$deb" Depends)"
 }
-check_contents "$cross/libquillaneutil1_${version}_arm64.deb" "${expect_runtime[@]}"
-check_contents "$cross/libquillaneutil-dev_${version}_arm64.deb" "${expect_dev[@]}"
-check_contents "$cross/quillaneutil-tools_${version}_arm64.deb" "${expect_tools[@]}"
-dpkg-deb -x "$cross/libquillaneutil1_${version}_arm64.deb" "$work/arm64"
+check_contents "$cross/libquillaneutil1_${version}_arm64.deb" "./$libdir/libquillaneutil.so.$version" \
+    "./$libdir/libquillaneutil.so.1" "./usr/share/doc/libquillaneutil1/copyright"
+check_contents "$cross/libquillaneutil-dev_${version}_arm64.deb" "./usr/include/quillaneutil/util_function.h" \
+    "./usr/include/quillaneutil/util_net_function.h" "./$libdir/libquillaneutil.so" \
+    "./$libdir/pkgconfig/quillaneutil.pc" "./$libdir/cmake/QuillaneUtil/QuillaneUtilConfig.cmake"
+check_contents "$cross/quillaneutil-tools_${version}_arm64.deb" "./usr/bin/quillane-tcstamp" \
+    "./usr/bin/quillane-netinfo" "./usr/share/man/man1/quillane-tcstamp.1.gz"
+[ ! -e "$cross/gstreamer1.0-quillane_${version}_arm64.deb" ] || fail "an arm64 element package without arm64 GStreamer?"
+for name in libquillaneutil1 quillaneutil-tools; do
+    depends=$(dpkg-deb -f "$cross/${name}_${version}_arm64.deb" Depends)
+    grep -qE '(^|, )libc6 \(>= [0-9.]+\)' <<<"$depends" || fail "$name (arm64): no versioned libc6 in Depends: $depends"
+    ! grep -qE 'cross|:arm64' <<<"$depends" || fail "$name (arm64): cross toolchain names in Depends: $depends"
+    dpkg-deb -x "$cross/${name}_${version}_arm64.deb" "$work/arm64"
+done
+dpkg-deb -I "$cross/libquillaneutil1_${version}_arm64.deb" shlibs | grep -qx "libquillaneutil 1 libquillaneutil1 (>= $version)" ||
+    fail "libquillaneutil1 (arm64): shlibs file missing or wrong"
+dpkg-deb -I "$cross/libquillaneutil1_${version}_arm64.deb" triggers | grep -qx 'activate-noawait ldconfig' ||
+    fail "libquillaneutil1 (arm64): no ldconfig trigger"
 lib=$work/arm64/$libdir/libquillaneutil.so.$version
-readelf -h "$lib" | grep -q 'Machine:.*AArch64' || { echo "not an AArch64 library" >&2; exit 1; }
-readelf -d "$lib" | grep -q 'Library soname: \[libquillaneutil.so.1\]' || { echo "SONAME missing" >&2; exit 1; }
-echo "arm64 packages: contents, machine and SONAME as expected"
+readelf -h "$lib" | grep -q 'Machine:.*AArch64' || fail "not an AArch64 library"
+readelf -d "$lib" | grep -q 'Library soname: \[libquillaneutil.so.1\]' || fail "SONAME missing"
+for elf in "$lib" "$work/arm64/usr/bin/quillane-tcstamp" "$work/arm64/usr/bin/quillane-netinfo"; do
+    file "$elf" | grep -q ', stripped' || fail "$elf is not stripped"
+    ! grep -qE 'RUNPATH|RPATH' <<<"$(readelf -d "$elf")" || fail "$elf carries a run path"
+done
+echo "arm64 packages: contents, machine, SONAME, Depends, shlibs, trigger, stripped, no run path"

@@ -1,6 +1,8 @@
 #!/bin/sh
-# Installs the build tree into a scratch prefix and builds the C client
-# against it twice: with find_package and with pkg-config.
+# Installs the build tree into a scratch prefix, runs the installed tools
+# from there with no library path (they find the library through their
+# relative run path), and builds the C client against the prefix twice: with
+# find_package and with pkg-config.
 #   run.sh BUILD_DIR [TOOLCHAIN_FILE C_COMPILER RUNNER...]
 # A cross build passes its toolchain file, its C compiler and the emulator
 # (with its options) that runs the target's programs.
@@ -18,6 +20,14 @@ src_dir=$(cd "$(dirname "$0")" && pwd)
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 cmake --install "$build_dir" --prefix "$work/prefix" >/dev/null
+for tool in "$work"/prefix/bin/quillane-*; do
+    [ -e "$tool" ] || continue
+    if ! env -u LD_LIBRARY_PATH "$@" "$tool" --help >/dev/null 2>"$work/tool.txt"; then
+        echo "installed $(basename "$tool") does not start:" >&2
+        cat "$work/tool.txt" >&2
+        exit 1
+    fi
+done
 if [ -n "$toolchain" ]; then
     # The scratch prefix is one more root the cross build may search.
     cmake -S "$src_dir" -B "$work/client" -G Ninja -DCMAKE_PREFIX_PATH="$work/prefix" \
