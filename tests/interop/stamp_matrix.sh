@@ -166,6 +166,9 @@ refuse 2 'takes HH:MM:SS:FF' plain.h264 out.bin --start 1:2:3
 refuse 2 'expects IN and OUT' plain.h264
 refuse 2 'unknown option' plain.h264 out.bin --frobnicate
 refuse 2 'expects IN alone' --verify plain.h264 out.bin
+cp plain.h264 same.h264
+refuse 2 'is the input itself' same.h264 same.h264
+cmp -s plain.h264 same.h264 || fail "stamping a file onto itself damaged it"
 # An unstamped stream verifies with findings, exit status 1.
 "$tcstamp" --verify plain.h264 >verify.txt 2>&1
 [ $? -eq 1 ] && grep -q '^! frame 0: a time-code message without a clock timestamp' verify.txt || fail "--verify on an unstamped stream: $(tail -n 2 verify.txt)"

@@ -246,6 +246,14 @@ int Tool::run() {
     if (in == nullptr) fail("cannot read " + in_name_ + ": " + std::strerror(errno));
     struct stat st{};
     if (::fstat(fileno(in), &st) == 0 && S_ISDIR(st.st_mode)) fail("cannot read " + in_name_ + ": it is a directory");
+    // Opening the output truncates it: were it the input, the stream would
+    // be gone before it was read.
+    struct stat out_st{};
+    if (opt_.out != "-" && S_ISREG(st.st_mode) && ::stat(opt_.out.c_str(), &out_st) == 0 &&
+        out_st.st_dev == st.st_dev && out_st.st_ino == st.st_ino) {
+        std::fprintf(stderr, "quillane-tcstamp: %s is the input itself: write to another file\n", opt_.out.c_str());
+        std::exit(2);
+    }
 
     util_dbgout_attr_fun_t* attr = util_ops_pfun->dbgout->pstDebugAttr;
     if (opt_.trace.empty()) {
