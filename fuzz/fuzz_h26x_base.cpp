@@ -1,6 +1,7 @@
 // Fuzzes the H.26x stream base: the bit reader against a bit-by-bit model,
-// and the three NAL unit scanners against each other and against a plain
-// byte-by-byte start-code scan.
+// the three NAL unit scanners against each other and against a plain
+// byte-by-byte start-code scan, and every start-code search this CPU runs
+// (each vector width and the plain one) against that same scan.
 //
 // Input layout: kControlBytes bytes that pick the reader's arguments and the
 // scanners' non-zero flag, then the frame. Every buffer handed to the library
@@ -15,6 +16,7 @@
 
 #include "fuzz_check.h"
 #include "util_function.h"
+#include "util_h26x_base_internal.h"
 
 namespace {
 
@@ -291,6 +293,44 @@ void fuzz_scanners(UTIL_UCHAR* buf, std::int32_t size, UTIL_S32 flag_on) {
     }
 }
 
+// Each search path, resumed after every start code and from one arbitrary
+// point, finds exactly the plain scan's start codes.
+void check_search_paths(const UTIL_UCHAR* buf, std::int64_t size, std::int64_t from_any) {
+    const std::vector<std::int64_t> codes = plain_start_codes(buf, size);
+    std::size_t first_after = 0;
+    while (first_after < codes.size() && codes[first_after] < from_any) ++first_after;
+    const std::int64_t want_any = first_after < codes.size() ? codes[first_after] : -1;
+    for (const quillane::ScanIsa isa : quillane::kAllScanIsas) {
+        const quillane::StartCodeSearch search = quillane::start_code_search_for(isa);
+        if (search == nullptr) continue;
+        std::int64_t from = 0;
+        for (const std::int64_t code : codes) {
+            CHECK(search(buf, from, size) == code);
+            from = code + 4;
+        }
+        CHECK(search(buf, from, size) == -1);
+        CHECK(search(buf, from_any, size) == want_any);
+    }
+}
+
+// Seeds are short, and a short frame never reaches the wide loops: the
+// frame is also searched repeated to 700 bytes or more, at a skew that moves
+// its start codes across the vector boundaries.
+void fuzz_search_paths(const UTIL_UCHAR* buf, std::int32_t size, const std::uint8_t* control) {
+    const std::int64_t from_any = (control[1] | (control[2] << 8)) % (static_cast<std::int64_t>(size) + 2) - 1;
+    check_search_paths(buf, size, from_any);
+    if (size == 0 || size >= 700) return;
+    const std::size_t skew = control[7] % 64;
+    const std::size_t copies = (700 + static_cast<std::size_t>(size) - 1) / static_cast<std::size_t>(size);
+    const std::size_t total = copies * static_cast<std::size_t>(size);
+    fuzz::Block block(skew + total);
+    auto* longer = reinterpret_cast<UTIL_UCHAR*>(block.get()) + skew;
+    for (std::size_t k = 0; k < copies; ++k) {
+        std::memcpy(longer + k * static_cast<std::size_t>(size), buf, static_cast<std::size_t>(size));
+    }
+    check_search_paths(longer, static_cast<std::int64_t>(total), from_any * static_cast<std::int64_t>(copies) / 2);
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -305,5 +345,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     // Any non-zero value must mean "the whole frame", negative ones included.
     const UTIL_S32 flag_on = control[0] == 0 ? 1 : static_cast<UTIL_S32>(control[0] * 0x01010101u);
     fuzz_scanners(frame.p, frame_size, flag_on);
+    fuzz_search_paths(frame.p, frame_size, control);
     return 0;
 }

@@ -6,4 +6,4 @@ set(QUILLANE_FUZZ_TARGETS fuzz_h26x_base fuzz_htoi fuzz_utf8 fuzz_range_check fu
 # Targets that reach the access-unit stamping shared by the tool and the element.
 set(QUILLANE_FUZZ_STAMPING_TARGETS fuzz_au_stamper)
 # Targets that reach internal pieces of the library.
-set(QUILLANE_FUZZ_INTERNAL_TARGETS fuzz_net_files)
+set(QUILLANE_FUZZ_INTERNAL_TARGETS fuzz_net_files fuzz_h26x_base)

@@ -7,7 +7,14 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+
+#if defined(__x86_64__)
+#include <immintrin.h>
+#elif defined(__aarch64__)
+#include <arm_neon.h>
+#endif
 
 #include "util_alloc.h"
 #include "util_h26x_base_internal.h"
@@ -17,6 +24,25 @@ namespace quillane {
 
 namespace {
 
+// 00 00 00 01 read as one little-endian word.
+constexpr std::uint32_t kStartCodeWord = 0x01000000u;
+
+inline bool start_code_at(const UTIL_UCHAR* buf, std::int64_t i) noexcept {
+    std::uint32_t w;
+    std::memcpy(&w, buf + i, sizeof w);
+    return w == kStartCodeWord;
+}
+
+// Positions from..last one at a time.
+inline std::int64_t scan_bytes(const UTIL_UCHAR* buf, std::int64_t from, std::int64_t last) noexcept {
+    for (std::int64_t i = from; i <= last; ++i) {
+        if (start_code_at(buf, i)) return i;
+    }
+    return -1;
+}
+
+// ---- sixteen positions exactly, for the first bytes after a start code ----
+
 // Lanes j where byte j is 01 and byte j-1 is 00: the tail of any start code.
 inline Mask16 tail_mask(const UTIL_UCHAR* p) noexcept {
     const Bytes16 cur = load16(p);
@@ -24,83 +50,268 @@ inline Mask16 tail_mask(const UTIL_UCHAR* p) noexcept {
     return (cur == 1) & (prev == 0);
 }
 
-inline bool any_lane(Mask16 m, std::uint64_t& lo, std::uint64_t& hi) noexcept {
-    std::memcpy(&lo, &m, 8);
-    std::memcpy(&hi, reinterpret_cast<const char*>(&m) + 8, 8);
-    return (lo | hi) != 0;
-}
-
-inline bool zeros_before(const UTIL_UCHAR* buf, std::int64_t j) noexcept {
-    return buf[j - 3] == 0 && buf[j - 2] == 0 && buf[j - 1] == 0;
-}
-
-// Checks the candidate lanes of one block in order; the first one with three
-// zero bytes before its 01 is a start code.
-std::int64_t first_in_block(const UTIL_UCHAR* buf, std::int64_t base, Mask16 m) noexcept {
+// Start codes at i .. i+15; the caller makes sure that i + 20 <= size.
+// Delimiters and parameter sets are a few bytes long, so most units of a
+// frame are found here without setting up the wide search.
+inline std::int64_t probe16(const UTIL_UCHAR* buf, std::int64_t i) noexcept {
+    const Mask16 m = tail_mask(buf + i + 3);
     std::uint64_t half[2];
-    any_lane(m, half[0], half[1]);
+    std::memcpy(half, &m, sizeof half);
     for (int h = 0; h < 2; ++h) {
-        std::uint64_t bits = half[h];
-        while (bits != 0) {
-            const int lane = __builtin_ctzll(bits) / 8;
-            const std::int64_t j = base + h * 8 + lane;
-            if (zeros_before(buf, j)) return j - 3;
-            bits &= ~(0xFFull << (lane * 8));
+        for (std::uint64_t bits = half[h] & 0x8080808080808080ull; bits != 0; bits &= bits - 1) {
+            const std::int64_t at = i + h * 8 + __builtin_ctzll(bits) / 8;
+            if (start_code_at(buf, at)) return at;
         }
     }
     return -1;
 }
 
-// The search from the 01 byte's position j on, up to last_j: whole 64-byte
-// stretches, four blocks tested at once, then byte by byte. Kept out of line
-// so that a hit in the first block returns without its set-up.
-__attribute__((noinline)) std::int64_t find_from(const UTIL_UCHAR* buf, std::int64_t j,
-                                                 std::int64_t last_j) noexcept {
-    while (j + 64 <= last_j + 1) {
-        const UTIL_UCHAR* p = buf + j;
-        const Mask16 m0 = tail_mask(p);
-        const Mask16 m1 = tail_mask(p + 16);
-        const Mask16 m2 = tail_mask(p + 32);
-        const Mask16 m3 = tail_mask(p + 48);
-        std::uint64_t lo;
-        std::uint64_t hi;
-        if (any_lane(m0 | m1 | m2 | m3, lo, hi)) {
-            const Mask16 blocks[4] = {m0, m1, m2, m3};
-            for (int b = 0; b < 4; ++b) {
-                if (!any_lane(blocks[b], lo, hi)) continue;
-                const std::int64_t i = first_in_block(buf, j + 16 * b, blocks[b]);
-                if (i >= 0) return i;
-            }
-        }
-        j += 64;
-    }
-    for (; j <= last_j; ++j) {
-        if (buf[j] == 1 && zeros_before(buf, j)) return j - 3;
+// ---- the wide search ----
+//
+// Three zero bytes always hold a zero pair that starts at an even distance
+// from any chosen byte: a block [c, c+n) tested two bytes at a time, at c,
+// c+2, ..., holds the pair of every start code at c-1 .. c+n-2. Payload
+// bytes rarely make such a pair (an encoder escapes 00 00 followed by 00 to
+// 03), so the loop tests one 16-bit lane per two bytes and leaves it only at
+// a pair, where the two start codes that pair can belong to are checked.
+//
+// Each instruction set supplies a block width, a mask of the zero pairs of
+// one block (any bit layout; offset() turns its lowest bit into the pair's
+// byte offset) and a yes/no for four consecutive blocks.
+
+// The start codes a block's zero pairs can belong to, first one first.
+template <class Isa>
+inline std::int64_t resolve(const UTIL_UCHAR* buf, std::int64_t c, std::uint64_t pairs, std::int64_t from,
+                            std::int64_t last) noexcept {
+    for (; pairs != 0; pairs &= pairs - 1) {
+        const std::int64_t k = c + Isa::offset(pairs);
+        if (k - 1 > last) break;
+        // 00 [00 00] 01 or [00 00] 00 01.
+        if (k - 1 >= from && start_code_at(buf, k - 1)) return k - 1;
+        if (k >= from && k <= last && start_code_at(buf, k)) return k;
     }
     return -1;
+}
+
+template <class Isa>
+[[gnu::always_inline]] inline std::int64_t search_wide(const UTIL_UCHAR* buf, std::int64_t from,
+                                                       std::int64_t size) noexcept {
+    if (from < 0) from = 0;
+    const std::int64_t last = size - 5;  // the header byte must lie inside the frame
+    if (from > last) return -1;
+    std::int64_t done = from;  // no start code at from .. done-1
+    if (done + 20 <= size) {
+        const std::int64_t i = probe16(buf, done);
+        if (i >= 0) return i;
+        done += 16;
+    }
+    constexpr std::int64_t W = Isa::kWidth;
+    std::int64_t c = done + 1;  // the block at c answers from c-1 = done on
+    if (c + W > size) {
+        // Less than one block left.
+        for (; done + 20 <= size; done += 16) {
+            const std::int64_t i = probe16(buf, done);
+            if (i >= 0) return i;
+        }
+        return scan_bytes(buf, done, last);
+    }
+    if (const std::int64_t i = resolve<Isa>(buf, c, Isa::pairs(buf + c), from, last); i >= 0) return i;
+    c += W;
+    // Back to a block boundary: the blocks from here on read whole cache
+    // lines, and the bytes stepped back over were answered already.
+    c -= static_cast<std::int64_t>(reinterpret_cast<std::uintptr_t>(buf + c) % W);
+    for (; c + 4 * W <= size; c += 4 * W) {
+        if (!Isa::any_pair4(buf + c)) continue;
+        for (int q = 0; q < 4; ++q) {
+            const std::int64_t b = c + q * W;
+            if (const std::int64_t i = resolve<Isa>(buf, b, Isa::pairs(buf + b), from, last); i >= 0) return i;
+        }
+    }
+    for (; c + W <= size; c += W) {
+        if (const std::int64_t i = resolve<Isa>(buf, c, Isa::pairs(buf + c), from, last); i >= 0) return i;
+    }
+    if (c - 1 > last) return -1;
+    // The frame's last bytes: one block ending at the frame's end, which
+    // overlaps what was answered already.
+    return resolve<Isa>(buf, size - W, Isa::pairs(buf + size - W), from, last);
+}
+
+std::int64_t search_plain(const UTIL_UCHAR* buf, std::int64_t from, std::int64_t size) noexcept {
+    return scan_bytes(buf, from < 0 ? 0 : from, size - 5);
+}
+
+#if defined(__x86_64__)
+
+// movemask gives two bits per 16-bit lane; the even ones stand for the lanes.
+constexpr std::uint64_t kEvenBits = 0x5555555555555555ull;
+
+struct Sse2 {
+    static constexpr std::int64_t kWidth = 16;
+    static int offset(std::uint64_t pairs) noexcept { return __builtin_ctzll(pairs); }
+    static std::uint64_t pairs(const UTIL_UCHAR* p) noexcept {
+        const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+        return static_cast<std::uint32_t>(_mm_movemask_epi8(_mm_cmpeq_epi16(v, _mm_setzero_si128()))) & kEvenBits;
+    }
+    // p is 16-byte aligned.
+    static bool any_pair4(const UTIL_UCHAR* p) noexcept {
+        const __m128i z = _mm_setzero_si128();
+        const __m128i* q = reinterpret_cast<const __m128i*>(p);
+        const __m128i hit = _mm_or_si128(
+            _mm_or_si128(_mm_cmpeq_epi16(_mm_load_si128(q), z), _mm_cmpeq_epi16(_mm_load_si128(q + 1), z)),
+            _mm_or_si128(_mm_cmpeq_epi16(_mm_load_si128(q + 2), z), _mm_cmpeq_epi16(_mm_load_si128(q + 3), z)));
+        return _mm_movemask_epi8(hit) != 0;
+    }
+};
+
+// The helpers take and return no vectors, so that they may stay out of line
+// in an unoptimised build without a vector crossing into baseline code.
+struct Avx2 {
+    static constexpr std::int64_t kWidth = 32;
+    static int offset(std::uint64_t pairs) noexcept { return __builtin_ctzll(pairs); }
+    __attribute__((target("avx2"))) static std::uint64_t pairs(const UTIL_UCHAR* p) noexcept {
+        const __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p));
+        return static_cast<std::uint32_t>(_mm256_movemask_epi8(_mm256_cmpeq_epi16(v, _mm256_setzero_si256()))) &
+               kEvenBits;
+    }
+    // The smallest of four lanes is 0 when any of them is.
+    __attribute__((target("avx2"))) static bool any_pair4(const UTIL_UCHAR* p) noexcept {
+        const __m256i* q = reinterpret_cast<const __m256i*>(p);
+        const __m256i low = _mm256_min_epu16(_mm256_min_epu16(_mm256_load_si256(q), _mm256_load_si256(q + 1)),
+                                             _mm256_min_epu16(_mm256_load_si256(q + 2), _mm256_load_si256(q + 3)));
+        return _mm256_movemask_epi8(_mm256_cmpeq_epi16(low, _mm256_setzero_si256())) != 0;
+    }
+};
+
+struct Avx512 {
+    static constexpr std::int64_t kWidth = 64;
+    // One mask bit per 16-bit lane.
+    static int offset(std::uint64_t pairs) noexcept { return 2 * __builtin_ctzll(pairs); }
+    __attribute__((target("avx512bw"))) static std::uint64_t pairs(const UTIL_UCHAR* p) noexcept {
+        const __m512i v = _mm512_loadu_si512(p);
+        return _mm512_testn_epi16_mask(v, v);
+    }
+    __attribute__((target("avx512bw"))) static bool any_pair4(const UTIL_UCHAR* p) noexcept {
+        const __m512i* q = reinterpret_cast<const __m512i*>(p);
+        const __m512i low = _mm512_min_epu16(_mm512_min_epu16(_mm512_load_si512(q), _mm512_load_si512(q + 1)),
+                                             _mm512_min_epu16(_mm512_load_si512(q + 2), _mm512_load_si512(q + 3)));
+        return _mm512_testn_epi16_mask(low, low) != 0;
+    }
+};
+
+std::int64_t search_sse2(const UTIL_UCHAR* buf, std::int64_t from, std::int64_t size) noexcept {
+    return search_wide<Sse2>(buf, from, size);
+}
+
+__attribute__((target("avx2"))) std::int64_t search_avx2(const UTIL_UCHAR* buf, std::int64_t from,
+                                                         std::int64_t size) noexcept {
+    return search_wide<Avx2>(buf, from, size);
+}
+
+__attribute__((target("avx512bw"))) std::int64_t search_avx512(const UTIL_UCHAR* buf, std::int64_t from,
+                                                               std::int64_t size) noexcept {
+    return search_wide<Avx512>(buf, from, size);
+}
+
+#elif defined(__aarch64__)
+
+struct Neon {
+    static constexpr std::int64_t kWidth = 16;
+    // Narrowed, each 16-bit lane is one byte of the mask; its low bit stands
+    // for the lane.
+    static int offset(std::uint64_t pairs) noexcept { return __builtin_ctzll(pairs) / 4; }
+    static std::uint64_t pairs(const UTIL_UCHAR* p) noexcept {
+        const uint16x8_t zero = vceqzq_u16(vreinterpretq_u16_u8(vld1q_u8(p)));
+        return vget_lane_u64(vreinterpret_u64_u8(vmovn_u16(zero)), 0) & 0x0101010101010101ull;
+    }
+    static bool any_pair4(const UTIL_UCHAR* p) noexcept {
+        const uint16x8_t low01 = vminq_u16(vreinterpretq_u16_u8(vld1q_u8(p)), vreinterpretq_u16_u8(vld1q_u8(p + 16)));
+        const uint16x8_t low23 =
+            vminq_u16(vreinterpretq_u16_u8(vld1q_u8(p + 32)), vreinterpretq_u16_u8(vld1q_u8(p + 48)));
+        return vminvq_u16(vminq_u16(low01, low23)) == 0;
+    }
+};
+
+std::int64_t search_neon(const UTIL_UCHAR* buf, std::int64_t from, std::int64_t size) noexcept {
+    return search_wide<Neon>(buf, from, size);
+}
+
+#endif
+
+// The search built for `isa` in this build, whether or not the CPU has it.
+StartCodeSearch built_search(ScanIsa isa) noexcept {
+    switch (isa) {
+        case ScanIsa::plain:
+            return search_plain;
+#if defined(__x86_64__)
+        case ScanIsa::sse2:
+            return search_sse2;
+        case ScanIsa::avx2:
+            return search_avx2;
+        case ScanIsa::avx512:
+            return search_avx512;
+#elif defined(__aarch64__)
+        case ScanIsa::neon:
+            return search_neon;
+#endif
+        default:
+            return nullptr;
+    }
+}
+
+bool cpu_runs(ScanIsa isa) noexcept {
+#if defined(__x86_64__)
+    __builtin_cpu_init();
+    if (isa == ScanIsa::avx2) return __builtin_cpu_supports("avx2");
+    if (isa == ScanIsa::avx512) return __builtin_cpu_supports("avx512bw");
+#endif
+    (void)isa;
+    return true;  // plain and the architecture's baseline
 }
 
 }  // namespace
 
-std::int64_t find_start_code(const UTIL_UCHAR* buf, std::int64_t from, std::int64_t size) noexcept {
-    // A start code at i needs i < size - 4; its 01 byte sits at j = i + 3,
-    // so j runs from from + 3 up to size - 2.
-    if (from < 0) from = 0;
-    std::int64_t j = from + 3;
-    const std::int64_t last_j = size - 2;
-    // Delimiters and parameter sets are a few bytes long: one block alone
-    // first answers for them without setting up the wide stride.
-    if (j + 16 <= last_j + 1) {
-        const Mask16 m = tail_mask(buf + j);
-        std::uint64_t lo;
-        std::uint64_t hi;
-        if (any_lane(m, lo, hi)) {
-            const std::int64_t i = first_in_block(buf, j, m);
-            if (i >= 0) return i;
+ScanIsa choose_scan_isa(const char* forced) noexcept {
+    if (forced != nullptr) {
+        for (const ScanIsa isa : kAllScanIsas) {
+            if (std::strcmp(forced, scan_isa_name(isa)) == 0 && start_code_search_for(isa) != nullptr) return isa;
         }
-        j += 16;
     }
-    return find_from(buf, j, last_j);
+    for (const ScanIsa isa : {ScanIsa::avx512, ScanIsa::avx2, ScanIsa::neon, ScanIsa::sse2}) {
+        if (start_code_search_for(isa) != nullptr) return isa;
+    }
+    return ScanIsa::plain;
+}
+
+const char* scan_isa_name(ScanIsa isa) noexcept {
+    switch (isa) {
+        case ScanIsa::plain:
+            return "plain";
+        case ScanIsa::sse2:
+            return "sse2";
+        case ScanIsa::avx2:
+            return "avx2";
+        case ScanIsa::avx512:
+            return "avx512";
+        case ScanIsa::neon:
+            return "neon";
+    }
+    return "?";
+}
+
+StartCodeSearch start_code_search_for(ScanIsa isa) noexcept {
+    const StartCodeSearch search = built_search(isa);
+    return search != nullptr && cpu_runs(isa) ? search : nullptr;
+}
+
+ScanIsa active_scan_isa() noexcept {
+    static const ScanIsa chosen = choose_scan_isa(std::getenv("QUILLANE_SCAN_ISA"));
+    return chosen;
+}
+
+std::int64_t find_start_code(const UTIL_UCHAR* buf, std::int64_t from, std::int64_t size) noexcept {
+    // Chosen once per process: every scan of a stream takes the same path.
+    static const StartCodeSearch search = start_code_search_for(active_scan_isa());
+    return search(buf, from, size);
 }
 
 }  // namespace quillane

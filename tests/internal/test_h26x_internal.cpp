@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstdlib>
 #include <random>
 #include <regex>
 #include <vector>
@@ -16,42 +18,99 @@ using ::testing::internal::GetCapturedStderr;
 
 namespace {
 
-std::int64_t plain_find(const std::vector<UTIL_UCHAR>& b, std::int64_t from, std::int64_t size) {
-    for (std::int64_t i = from; i < size - 4; ++i) {
+std::int64_t plain_find(const UTIL_UCHAR* b, std::int64_t from, std::int64_t size) {
+    for (std::int64_t i = from < 0 ? 0 : from; i < size - 4; ++i) {
         if (b[i] == 0 && b[i + 1] == 0 && b[i + 2] == 0 && b[i + 3] == 1) return i;
     }
     return -1;
 }
 
-TEST(StartCodeSearch, SameAnswerAsAByteByByteScan) {
+// Every search this build has and this CPU runs (on x86-64 plain, SSE2 and
+// whichever of AVX2 and AVX-512 the machine has; on aarch64 plain and NEON).
+std::vector<quillane::ScanIsa> runnable_isas() {
+    std::vector<quillane::ScanIsa> out;
+    for (const quillane::ScanIsa isa : quillane::kAllScanIsas) {
+        if (quillane::start_code_search_for(isa) != nullptr) out.push_back(isa);
+    }
+    return out;
+}
+
+TEST(StartCodeSearch, EveryPathGivesTheByteByByteAnswer) {
+    const auto isas = runnable_isas();
+#if defined(__x86_64__)
+    ASSERT_GE(isas.size(), 2u);  // plain and SSE2 at least
+#elif defined(__aarch64__)
+    ASSERT_EQ(isas.size(), 2u);  // plain and NEON
+#endif
     std::mt19937 rng(11);
-    // Mostly zeros and ones, so candidates are dense and land on every lane,
-    // block edge and tail position.
+    // Mostly zeros and ones, or sparse ones among payload bytes: candidates
+    // land on every lane, block edge and alignment, and in the last bytes.
     std::discrete_distribution<int> kind({50, 25, 25});
-    for (int round = 0; round < 3000; ++round) {
-        const std::size_t size = std::uniform_int_distribution<std::size_t>(0, 300)(rng);
-        std::vector<UTIL_UCHAR> b(size);
+    std::vector<UTIL_UCHAR> store;
+    for (int round = 0; round < 1500; ++round) {
+        const std::size_t size = std::uniform_int_distribution<std::size_t>(0, round % 5 == 0 ? 1200 : 300)(rng);
+        // The frame ends where its heap block ends (the sanitizers watch for
+        // reads past it) and starts at any alignment.
+        const std::size_t skew = rng() % 64;
+        store.assign(skew + size, 0);
+        UTIL_UCHAR* b = store.data() + skew;
         const int density = round % 3;
-        for (auto& x : b) {
-            const int k = density == 0 ? kind(rng) : (rng() % 64 == 0 ? kind(rng) : 2);
-            x = static_cast<UTIL_UCHAR>(k == 0 ? 0 : k == 1 ? 1 : 0x80 + rng() % 100);
+        for (std::size_t k = 0; k < size; ++k) {
+            const int t = density == 0 ? kind(rng) : (rng() % 64 == 0 ? kind(rng) : 2);
+            b[k] = static_cast<UTIL_UCHAR>(t == 0 ? 0 : t == 1 ? 1 : 0x80 + rng() % 100);
         }
-        for (std::int64_t from = 0; from <= static_cast<std::int64_t>(size); from += 1 + round % 7) {
-            ASSERT_EQ(quillane::find_start_code(b.data(), from, static_cast<std::int64_t>(size)),
-                      plain_find(b, from, static_cast<std::int64_t>(size)))
-                << "round " << round << " from " << from;
+        const auto n = static_cast<std::int64_t>(size);
+        for (int probe = 0; probe < 24; ++probe) {
+            const std::int64_t from = probe == 0 ? -3 : static_cast<std::int64_t>(rng() % (size + 2));
+            const std::int64_t want = plain_find(b, from, n);
+            for (const auto isa : isas) {
+                ASSERT_EQ(quillane::start_code_search_for(isa)(b, from, n), want)
+                    << quillane::scan_isa_name(isa) << " round " << round << " from " << from;
+            }
         }
     }
-    // The search must not read past the frame: a start code straddling the
-    // end of an exactly sized heap buffer is not found (the sanitizers watch).
-    for (std::size_t size = 4; size < 140; ++size) {
-        std::vector<UTIL_UCHAR> b(size, 0);
-        b[size - 1] = 1;
-        EXPECT_EQ(quillane::find_start_code(b.data(), 0, static_cast<std::int64_t>(size)), -1) << size;
-        b.push_back(0x65);
-        EXPECT_EQ(quillane::find_start_code(b.data(), 0, static_cast<std::int64_t>(size + 1)),
-                  static_cast<std::int64_t>(size) - 4);
+    // One start code, or a code cut off by the end, at every position of
+    // frames around each block and stride size and at every alignment that
+    // moves it across a vector boundary, behind a zero pair that is not one.
+    for (const std::int64_t size : {4, 5, 19, 20, 21, 36, 37, 64, 65, 81, 97, 129, 160, 255, 256, 257, 300, 530}) {
+        for (const std::size_t skew : {0, 1, 2, 15, 33, 63}) {
+            store.assign(skew + static_cast<std::size_t>(size), 0x80);
+            UTIL_UCHAR* b = store.data() + skew;
+            for (std::int64_t at = 0; at + 4 <= size; ++at) {
+                std::fill(b, b + size, 0x80);
+                if (at >= 5 && at % 3 == 0) b[at - 4] = b[at - 5] = 0;  // 00 00 80: a pair alone
+                b[at] = b[at + 1] = b[at + 2] = 0;
+                b[at + 3] = 1;
+                for (const std::int64_t from : {std::int64_t{0}, at - 1, at, at + 1}) {
+                    const std::int64_t want = plain_find(b, from, size);
+                    for (const auto isa : isas) {
+                        ASSERT_EQ(quillane::start_code_search_for(isa)(b, from, size), want)
+                            << quillane::scan_isa_name(isa) << " size " << size << " skew " << skew << " at " << at
+                            << " from " << from;
+                    }
+                }
+            }
+        }
     }
+}
+
+TEST(StartCodeSearch, ForcedPathsAndTheirFallback) {
+    using quillane::ScanIsa;
+    const auto isas = runnable_isas();
+    const ScanIsa widest = quillane::choose_scan_isa(nullptr);
+    EXPECT_EQ(widest, isas.back());  // listed narrowest first
+    for (const auto isa : isas) EXPECT_EQ(quillane::choose_scan_isa(quillane::scan_isa_name(isa)), isa);
+    // Unknown names, names in another case, and paths the CPU or the build
+    // lacks leave the widest one in place.
+    for (const char* name : {"", "AVX2", "avx", "sse2 ", "x"}) {
+        EXPECT_EQ(quillane::choose_scan_isa(name), widest) << name;
+    }
+    for (const ScanIsa isa : quillane::kAllScanIsas) {
+        if (quillane::start_code_search_for(isa) == nullptr) {
+            EXPECT_EQ(quillane::choose_scan_isa(quillane::scan_isa_name(isa)), widest);
+        }
+    }
+    EXPECT_EQ(quillane::active_scan_isa(), quillane::choose_scan_isa(std::getenv("QUILLANE_SCAN_ISA")));
 }
 
 std::vector<UTIL_UCHAR> ten_unit_frame() {
