@@ -357,6 +357,8 @@ int verify(const Options& opt) {
     const Codec codec = seen ? *seen : *opt.codec;
 
     tcstamp::TimeCodeReader reader(codec);
+    // Each standard's own name for the flag.
+    const char* field_based_name = codec == Codec::h264 ? "nuit_field_based_flag" : "units_field_based_flag";
     std::uint64_t frames = 0;
     std::uint64_t labelled = 0;
     const auto print = [&] {
@@ -371,8 +373,9 @@ int verify(const Options& opt) {
                 if (f->clock) {
                     const tcstamp::ClockTimestamp& c = *f->clock;
                     if (c.ct_type >= 0) std::printf(",\"ct_type\":%d", c.ct_type);
-                    std::printf(",\"field_based\":%d,\"counting_type\":%d,\"discontinuity\":%d,\"cnt_dropped\":%d",
-                                c.field_based ? 1 : 0, c.counting_type, c.discontinuity ? 1 : 0, c.cnt_dropped ? 1 : 0);
+                    std::printf(",\"%s\":%d,\"counting_type\":%d,\"discontinuity_flag\":%d,\"cnt_dropped_flag\":%d",
+                                field_based_name, c.field_based ? 1 : 0, c.counting_type, c.discontinuity ? 1 : 0,
+                                c.cnt_dropped ? 1 : 0);
                 }
                 std::printf(",\"findings\":[");
                 for (std::size_t k = 0; k < f->findings.size(); ++k) {
@@ -385,9 +388,9 @@ int verify(const Options& opt) {
             if (f->clock) {
                 const tcstamp::ClockTimestamp& c = *f->clock;
                 if (c.ct_type >= 0) std::printf(" ct_type=%d", c.ct_type);
-                std::printf(" field_based=%d counting_type=%d cnt_dropped=%d", c.field_based ? 1 : 0, c.counting_type,
-                            c.cnt_dropped ? 1 : 0);
-                if (c.discontinuity) std::printf(" discontinuity=1");
+                std::printf(" %s=%d counting_type=%d cnt_dropped_flag=%d", field_based_name, c.field_based ? 1 : 0,
+                            c.counting_type, c.cnt_dropped ? 1 : 0);
+                if (c.discontinuity) std::printf(" discontinuity_flag=1");
             }
             std::printf("\n");
             for (const std::string& finding : f->findings) {
