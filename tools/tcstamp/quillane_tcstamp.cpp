@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <map>
 #include <new>
 #include <optional>
@@ -145,6 +146,58 @@ Options parse_args(int argc, char** argv) {
     return o;
 }
 
+// Reports a failure and ends the program (exit status 1).
+using Fail = std::function<void(const std::string&)>;
+
+// The input, opened and checked the same way for stamping and verifying: a
+// readable Annex B stream whose codec is known, its first piece read.
+struct Input {
+    std::string name;
+    FILE* fp = nullptr;
+    struct stat st {};
+    std::vector<std::uint8_t> chunk = std::vector<std::uint8_t>(1 << 20);
+    std::size_t got = 0;
+    Codec codec = Codec::h264;
+};
+
+void open_input(const Options& opt, const Fail& fail, Input& in) {
+    in.name = opt.in == "-" ? "standard input" : opt.in;
+    in.fp = opt.in == "-" ? stdin : std::fopen(opt.in.c_str(), "rb");
+    if (in.fp == nullptr) fail("cannot read " + in.name + ": " + std::strerror(errno));
+    if (::fstat(fileno(in.fp), &in.st) == 0 && S_ISDIR(in.st.st_mode)) {
+        fail("cannot read " + in.name + ": it is a directory");
+    }
+    in.got = std::fread(in.chunk.data(), 1, in.chunk.size(), in.fp);
+    if (std::ferror(in.fp) != 0) fail("cannot read " + in.name + ": " + std::strerror(errno));
+    const std::span<const std::uint8_t> head(in.chunk.data(), in.got);
+    const bool annexb = (in.got >= 4 && head[0] == 0 && head[1] == 0 && head[2] == 0 && head[3] == 1) ||
+                        (in.got >= 3 && head[0] == 0 && head[1] == 0 && head[2] == 1);
+    if (!annexb) fail(in.name + ": not an Annex B H.264/H.265 stream (it does not begin with a start code)");
+    const std::optional<Codec> seen = tcstamp::codec_of(head, tcstamp::split_nal_units(head, Codec::h264));
+    if (seen && opt.codec && *seen != *opt.codec) {
+        fail(in.name + ": the stream is " + (*seen == Codec::h264 ? "H.264" : "H.265") + ", not " +
+             (*opt.codec == Codec::h264 ? "H.264" : "H.265"));
+    }
+    if (!seen && !opt.codec) fail(in.name + ": cannot tell whether the stream is H.264 or H.265; give --codec");
+    in.codec = seen ? *seen : *opt.codec;
+}
+
+// Hands every access unit of the input to take(), reading piece by piece,
+// and closes the input.
+template <typename Take>
+void each_access_unit(Input& in, const Fail& fail, Take&& take) {
+    tcstamp::AccessUnitSplitter splitter(in.codec);
+    while (in.got > 0) {
+        splitter.feed(std::span<const std::uint8_t>(in.chunk.data(), in.got));
+        while (std::optional<std::span<const std::uint8_t>> au = splitter.next()) take(*au);
+        in.got = std::fread(in.chunk.data(), 1, in.chunk.size(), in.fp);
+        if (std::ferror(in.fp) != 0) fail("cannot read " + in.name + ": " + std::strerror(errno));
+    }
+    if (in.fp != stdin) std::fclose(in.fp);
+    splitter.finish();
+    while (std::optional<std::span<const std::uint8_t>> au = splitter.next()) take(*au);
+}
+
 // The output: a file that is removed again when stamping fails, or
 // standard output.
 class Output {
@@ -241,16 +294,15 @@ void Tool::emit(tcstamp::StreamStamper& stamper) {
 }
 
 int Tool::run() {
-    in_name_ = opt_.in == "-" ? "standard input" : opt_.in;
-    FILE* in = opt_.in == "-" ? stdin : std::fopen(opt_.in.c_str(), "rb");
-    if (in == nullptr) fail("cannot read " + in_name_ + ": " + std::strerror(errno));
-    struct stat st{};
-    if (::fstat(fileno(in), &st) == 0 && S_ISDIR(st.st_mode)) fail("cannot read " + in_name_ + ": it is a directory");
+    const Fail fail_here = [this](const std::string& msg) { fail(msg); };
+    Input in;
+    open_input(opt_, fail_here, in);
+    in_name_ = in.name;
     // Opening the output truncates it: were it the input, the stream would
     // be gone before it was read.
     struct stat out_st{};
-    if (opt_.out != "-" && S_ISREG(st.st_mode) && ::stat(opt_.out.c_str(), &out_st) == 0 &&
-        out_st.st_dev == st.st_dev && out_st.st_ino == st.st_ino) {
+    if (opt_.out != "-" && S_ISREG(in.st.st_mode) && ::stat(opt_.out.c_str(), &out_st) == 0 &&
+        out_st.st_dev == in.st.st_dev && out_st.st_ino == in.st.st_ino) {
         std::fprintf(stderr, "quillane-tcstamp: %s is the input itself: write to another file\n", opt_.out.c_str());
         std::exit(2);
     }
@@ -262,23 +314,8 @@ int Tool::run() {
         attr->set_dbglog_attr(UTIL_DBGOUT_DBGLOG_ENABLE, opt_.trace.c_str(), 1ULL << 30);
     }
 
-    std::vector<std::uint8_t> chunk(1 << 20);
-    std::size_t got = std::fread(chunk.data(), 1, chunk.size(), in);
-    if (std::ferror(in) != 0) fail("cannot read " + in_name_ + ": " + std::strerror(errno));
-    const std::span<const std::uint8_t> head(chunk.data(), got);
-    const bool annexb = (got >= 4 && head[0] == 0 && head[1] == 0 && head[2] == 0 && head[3] == 1) ||
-                        (got >= 3 && head[0] == 0 && head[1] == 0 && head[2] == 1);
-    if (!annexb) fail(in_name_ + ": not an Annex B H.264/H.265 stream (it does not begin with a start code)");
-    const std::optional<Codec> seen = tcstamp::codec_of(head, tcstamp::split_nal_units(head, Codec::h264));
-    if (seen && opt_.codec && *seen != *opt_.codec) {
-        fail(in_name_ + ": the stream is " + (*seen == Codec::h264 ? "H.264" : "H.265") + ", not " +
-             (*opt_.codec == Codec::h264 ? "H.264" : "H.265"));
-    }
-    if (!seen && !opt_.codec) fail(in_name_ + ": cannot tell whether the stream is H.264 or H.265; give --codec");
-    const Codec codec = seen ? *seen : *opt_.codec;
-
     tcstamp::StreamOptions so;
-    so.codec = codec;
+    so.codec = in.codec;
     so.fps_x100 = opt_.fps_x100;
     so.start = opt_.start;
     so.start_drop_frame = opt_.start_drop_frame;
@@ -286,23 +323,12 @@ int Tool::run() {
     tcstamp::StreamStamper stamper(so);
     if (!out_.open()) fail("cannot write " + opt_.out + ": " + std::strerror(errno));
     progress_ = isatty(STDERR_FILENO) != 0;
+    const Codec codec = in.codec;
 
-    tcstamp::AccessUnitSplitter splitter(codec);
-    while (got > 0) {
-        splitter.feed(std::span<const std::uint8_t>(chunk.data(), got));
-        while (std::optional<std::span<const std::uint8_t>> au = splitter.next()) {
-            if (!stamper.push(*au)) fail(in_name_ + ": " + stamper.error());
-            emit(stamper);
-        }
-        got = std::fread(chunk.data(), 1, chunk.size(), in);
-        if (std::ferror(in) != 0) fail("cannot read " + in_name_ + ": " + std::strerror(errno));
-    }
-    if (in != stdin) std::fclose(in);
-    splitter.finish();
-    while (std::optional<std::span<const std::uint8_t>> au = splitter.next()) {
-        if (!stamper.push(*au)) fail(in_name_ + ": " + stamper.error());
+    each_access_unit(in, fail_here, [&](std::span<const std::uint8_t> au) {
+        if (!stamper.push(au)) fail(in_name_ + ": " + stamper.error());
         emit(stamper);
-    }
+    });
     if (!stamper.finish()) fail(in_name_ + ": " + stamper.error());
     emit(stamper);
     if (progress_) std::fputc('\n', stderr);
@@ -334,27 +360,15 @@ std::string json_text(const std::string& s) {
 }
 
 int verify(const Options& opt) {
-    const std::string name = opt.in == "-" ? "standard input" : opt.in;
-    const auto fail = [&](const std::string& msg) {
+    const Fail fail = [](const std::string& msg) {
         std::fprintf(stderr, "quillane-tcstamp: %s\n", msg.c_str());
         std::exit(1);
     };
-    FILE* in = opt.in == "-" ? stdin : std::fopen(opt.in.c_str(), "rb");
-    if (in == nullptr) fail("cannot read " + name + ": " + std::strerror(errno));
-    struct stat st{};
-    if (::fstat(fileno(in), &st) == 0 && S_ISDIR(st.st_mode)) fail("cannot read " + name + ": it is a directory");
+    Input in;
+    open_input(opt, fail, in);
     util_ops_pfun->dbgout->pstDebugAttr->get()->enType = UTIL_DBGOUT_ENUM_TYPE_NOLOG;
-
-    std::vector<std::uint8_t> chunk(1 << 20);
-    std::size_t got = std::fread(chunk.data(), 1, chunk.size(), in);
-    const std::span<const std::uint8_t> head(chunk.data(), got);
-    if (!(got >= 3 && head[0] == 0 && head[1] == 0 && (head[2] == 1 || (got >= 4 && head[2] == 0 && head[3] == 1)))) {
-        fail(name + ": not an Annex B H.264/H.265 stream (it does not begin with a start code)");
-    }
-    const std::optional<Codec> seen = tcstamp::codec_of(head, tcstamp::split_nal_units(head, Codec::h264));
-    if (seen && opt.codec && *seen != *opt.codec) fail(name + ": the stream is not the codec given");
-    if (!seen && !opt.codec) fail(name + ": cannot tell whether the stream is H.264 or H.265; give --codec");
-    const Codec codec = seen ? *seen : *opt.codec;
+    const std::string& name = in.name;
+    const Codec codec = in.codec;
 
     tcstamp::TimeCodeReader reader(codec);
     // Each standard's own name for the flag.
@@ -398,21 +412,10 @@ int verify(const Options& opt) {
             }
         }
     };
-    tcstamp::AccessUnitSplitter splitter(codec);
-    const auto take = [&] {
-        while (std::optional<std::span<const std::uint8_t>> au = splitter.next()) {
-            if (!reader.push(*au)) fail(name + ": " + reader.error());
-            print();
-        }
-    };
-    while (got > 0) {
-        splitter.feed(std::span<const std::uint8_t>(chunk.data(), got));
-        take();
-        got = std::fread(chunk.data(), 1, chunk.size(), in);
-        if (std::ferror(in) != 0) fail("cannot read " + name + ": " + std::strerror(errno));
-    }
-    splitter.finish();
-    take();
+    each_access_unit(in, fail, [&](std::span<const std::uint8_t> au) {
+        if (!reader.push(au)) fail(name + ": " + reader.error());
+        print();
+    });
     if (!reader.finish()) fail(name + ": " + reader.error());
     print();
     const int fps = reader.fps_x100().value_or(0);
