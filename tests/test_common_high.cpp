@@ -335,6 +335,12 @@ TEST_F(ConfigUpdate, RefusalsLinksModesAndReadOnlyDirectories) {
     ASSERT_EQ(symlink("gone.conf", dangling.c_str()), 0);
     EXPECT_EQ(high()->update_line_conf(c(dangling), c(b), c(item)), -1);
     EXPECT_EQ(names_in(dir_.path()), (std::set<std::string>{"app.conf", "real.conf", "link.conf", "dangling.conf"}));
+    // Only a regular file is rewritten: a directory at the path stays as it is.
+    std::string directory = dir_.path();
+    CaptureStderr();
+    EXPECT_EQ(high()->update_line_conf(c(directory), c(b), c(item)), -1);
+    EXPECT_THAT(GetCapturedStderr(),
+                FullyMatches(err("update_conf", "error: " + regex_escape(directory) + " is not a regular file\n")));
 
     // A writable file in a directory that takes no new file is rewritten in place.
     if (geteuid() != 0) return;
