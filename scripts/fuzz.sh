@@ -41,9 +41,9 @@ for bin in "$build"/fuzz_*; do
     echo "=== $target for ${seconds} s"
     # The range validator promises that any rule it accepts compiles and
     # matches in a few megabytes and milliseconds: any input that costs far
-    # more counts as a crash. The fuzzing process itself grows to 120 MB
+    # more counts as a crash. The fuzzing process itself grows to 120-190 MB
     # under the sanitizers over a minute (its corpus and a small quarantine,
-    # returned to the system), so the limit on the whole process is twice
+    # returned to the system), so the limit on the whole process is well above
     # that, and no single allocation may pass 32 MB. Time is not bounded
     # yet: nested optional intervals such as "((a{,6}){,3}){7,}" pass the
     # screen and take 0.3 s to compile, and the fuzzer grows them to many
@@ -52,7 +52,7 @@ for bin in "$build"/fuzz_*; do
     limits=()
     asan_options=$ASAN_OPTIONS
     if [ "$name" = range_check ]; then
-        limits=(-rss_limit_mb=256 -malloc_limit_mb=32 -timeout=60)
+        limits=(-rss_limit_mb=512 -malloc_limit_mb=32 -timeout=60)
         asan_options=$ASAN_OPTIONS:quarantine_size_mb=4:allocator_release_to_os_interval_ms=200
     fi
     # -close_fd_mask=2 silences the library's error messages; libFuzzer and
