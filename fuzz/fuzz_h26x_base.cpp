@@ -16,7 +16,7 @@
 
 #include "fuzz_check.h"
 #include "util_function.h"
-#include "util_h26x_base_internal.h"
+#include "h26x/util_h26x_base_internal.h"
 
 namespace {
 

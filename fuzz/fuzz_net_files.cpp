@@ -15,7 +15,7 @@
 
 #include "fuzz_check.h"
 #include "util_function.h"
-#include "util_net_internal.h"
+#include "net/util_net_internal.h"
 
 namespace {
 

@@ -2,7 +2,7 @@
 // allocation after `allowed` more have succeeded returns nothing.
 #pragma once
 
-#include "util_alloc.h"
+#include "core/util_alloc.h"
 
 struct FailAllocationsAfter {
     explicit FailAllocationsAfter(long allowed) { quillane::g_alloc_failure_countdown = allowed; }

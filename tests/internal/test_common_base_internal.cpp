@@ -7,8 +7,9 @@
 #include <string>
 
 #include "alloc_failure.h"
-#include "util_alloc.h"
-#include "util_common_base_internal.h"
+#include "core/util_alloc.h"
+#include "core/util_tables.h"
+#include "common/util_common_base_internal.h"
 
 using ::testing::internal::CaptureStderr;
 using ::testing::internal::GetCapturedStderr;

@@ -2,7 +2,7 @@
 // and what each operation allocates.
 #include "../container_kinds.h"
 #include "alloc_failure.h"
-#include "util_alloc.h"
+#include "core/util_alloc.h"
 
 using namespace ctest;
 using qtest::FullyMatches;

@@ -10,8 +10,9 @@
 #include <vector>
 
 #include "alloc_failure.h"
-#include "util_alloc.h"
-#include "util_h26x_base_internal.h"
+#include "core/util_alloc.h"
+#include "core/util_tables.h"
+#include "h26x/util_h26x_base_internal.h"
 
 using ::testing::internal::CaptureStderr;
 using ::testing::internal::GetCapturedStderr;

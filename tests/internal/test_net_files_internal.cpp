@@ -8,7 +8,7 @@
 #include <string>
 
 #include "../test_support.h"
-#include "util_net_internal.h"
+#include "net/util_net_internal.h"
 
 namespace {
 

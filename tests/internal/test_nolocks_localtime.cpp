@@ -6,7 +6,7 @@
 #include <ctime>
 #include <random>
 
-#include "util_dbgout_internal.h"
+#include "dbgout/util_dbgout_internal.h"
 
 namespace {
 

@@ -2,7 +2,7 @@
 // countdown at every allocation a build makes.
 #include "../test_support.h"
 #include "alloc_failure.h"
-#include "util_alloc.h"
+#include "core/util_alloc.h"
 
 namespace {
 

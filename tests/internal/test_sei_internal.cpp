@@ -12,8 +12,9 @@
 #include <vector>
 
 #include "alloc_failure.h"
-#include "util_dbgout_internal.h"
-#include "util_h26x_high_seiTimeCode_internal.h"
+#include "core/util_tables.h"
+#include "dbgout/util_dbgout_internal.h"
+#include "sei/util_h26x_high_seiTimeCode_internal.h"
 
 using ::testing::internal::CaptureStderr;
 using ::testing::internal::GetCapturedStderr;

@@ -16,9 +16,9 @@
 #include <arm_neon.h>
 #endif
 
-#include "util_alloc.h"
-#include "util_h26x_base_internal.h"
-#include "util_msg.h"
+#include "core/util_alloc.h"
+#include "h26x/util_h26x_base_internal.h"
+#include "core/util_msg.h"
 
 namespace quillane {
 

@@ -47,4 +47,3 @@ std::int64_t find_start_code(const UTIL_UCHAR* buf, std::int64_t from, std::int6
 
 }  // namespace quillane
 
-extern util_ops_h26x_base_fun_t util_ops_h26x_base_fun;

@@ -8,4 +8,3 @@
 UTIL_S32 Func_get_local_time(struct tm* ptm, UTIL_U32* ptvUsec) noexcept;
 UTIL_S32 Func_get_local_time_r(struct tm* ptm) noexcept;
 
-extern util_ops_common_high_fun_t util_ops_common_high_fun;

@@ -23,4 +23,3 @@ int sei_emulation_points(const UTIL_UCHAR* d, int len, int* points) noexcept;
 
 }  // namespace quillane
 
-extern util_ops_h26x_high_seiTimeCode_fun_t util_ops_h26x_high_seiTimeCode_fun;

@@ -4,7 +4,7 @@
 // leaves by and how positions map to slots; everything else is shared.
 #pragma once
 
-#include "util_container_common.h"
+#include "containers/util_container_common.h"
 
 namespace quillane::container {
 

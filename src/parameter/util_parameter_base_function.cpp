@@ -8,10 +8,10 @@
 #include <cstring>
 #include <type_traits>
 
-#include "util_alloc.h"
-#include "util_msg.h"
-#include "util_parameter_base_internal.h"
-#include "util_reentry.h"
+#include "core/util_alloc.h"
+#include "core/util_msg.h"
+#include "core/util_tables.h"
+#include "core/util_reentry.h"
 
 namespace {
 

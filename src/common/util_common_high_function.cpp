@@ -19,12 +19,12 @@
 #include <ctime>
 #include <string_view>
 
-#include "util_alloc.h"
-#include "util_common_base_internal.h"
-#include "util_common_high_internal.h"
-#include "util_msg.h"
-#include "util_raii.h"
-#include "util_shell.h"
+#include "core/util_alloc.h"
+#include "common/util_common_base_internal.h"
+#include "common/util_common_high_internal.h"
+#include "core/util_msg.h"
+#include "core/util_raii.h"
+#include "core/util_shell.h"
 
 extern "C" __attribute__((visibility("default"))) UTIL_S32 Func_pox_system(const UTIL_CHAR* cmd_line) {
     // A caller that ignores SIGCHLD would make system() lose the child's

@@ -12,9 +12,9 @@
 #include <cstdint>
 #include <cstring>
 
-#include "util_alloc.h"
-#include "util_common_base_internal.h"
-#include "util_msg.h"
+#include "core/util_alloc.h"
+#include "common/util_common_base_internal.h"
+#include "core/util_msg.h"
 
 namespace {
 

@@ -3,20 +3,11 @@
 
 #include <ctime>
 
-#include "util_alloc.h"
-#include "util_common_base_internal.h"
-#include "util_common_high_internal.h"
-#include "util_dbgout_internal.h"
-#include "util_h26x_base_internal.h"
-#include "util_h26x_high_seiTimeCode_internal.h"
-#include "util_msg.h"
-#include "util_net_internal.h"
-#include "util_parameter_base_internal.h"
-#include "util_queue_high_arrayList_internal.h"
-#include "util_queue_high_linkedList_internal.h"
-#include "util_stack_high_arrayList_internal.h"
-#include "util_stack_high_linkedList_internal.h"
-#include "util_version.h"
+#include "common/util_common_high_internal.h"
+#include "core/util_alloc.h"
+#include "core/util_msg.h"
+#include "core/util_tables.h"
+#include "core/util_version.h"
 
 std::atomic<long> quillane::g_alloc_failure_countdown{-1};
 

@@ -3,7 +3,7 @@
 // says where elements join and leave; everything else is shared.
 #pragma once
 
-#include "util_container_common.h"
+#include "containers/util_container_common.h"
 
 namespace quillane::container {
 

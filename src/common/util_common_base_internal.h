@@ -7,4 +7,3 @@ UTIL_CHAR* Func_strTrim(UTIL_CHAR* pstr) noexcept;
 UTIL_S32 Func_itoa(UTIL_S32 n, UTIL_CHAR* astr) noexcept;
 UTIL_S32 Func_strList_free(util_string_list_t buf) noexcept;
 
-extern util_ops_common_base_fun_t util_ops_common_base_fun;

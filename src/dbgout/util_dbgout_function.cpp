@@ -17,8 +17,8 @@
 #include <cstring>
 #include <mutex>
 
-#include "util_dbgout_internal.h"
-#include "util_msg.h"
+#include "dbgout/util_dbgout_internal.h"
+#include "core/util_msg.h"
 
 void quillane::console_message(FILE* stream, const char* fmt, ...) noexcept {
     // A diagnostic never changes errno: the caller may still want the reason.

@@ -4,7 +4,6 @@
 
 #include "util_net_function.h"
 
-extern util_ops_net_fun_t util_ops_net_fun;
 
 namespace quillane::net {
 

@@ -21,9 +21,9 @@
 #include <iterator>
 #include <memory>
 
-#include "util_msg.h"
-#include "util_net_internal.h"
-#include "util_raii.h"
+#include "core/util_msg.h"
+#include "net/util_net_internal.h"
+#include "core/util_raii.h"
 
 char quillane::net::procNetRoute_path[kPathBufSize] = "/proc/net/route";
 char quillane::net::resolv_conf_path[kPathBufSize] = "/etc/resolv.conf";

@@ -16,4 +16,3 @@ UTIL_S32 Func_dbgout_syslog(util_dbgout_syslog_t* psyslog, const UTIL_CHAR* msg,
 void Func_nolocks_localtime(struct tm* tmp, time_t t, time_t tz, UTIL_S32 dst) noexcept;
 UTIL_S32 Func_is_leap_year(time_t year) noexcept;
 
-extern util_ops_dbgout_fun_t util_ops_dbgout_fun;

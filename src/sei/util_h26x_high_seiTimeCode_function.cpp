@@ -12,12 +12,12 @@
 #include <cstring>
 #include <ctime>
 
-#include "util_alloc.h"
-#include "util_common_high_internal.h"
-#include "util_h26x_base_internal.h"
-#include "util_h26x_high_seiTimeCode_internal.h"
-#include "util_msg.h"
-#include "util_reentry.h"
+#include "core/util_alloc.h"
+#include "common/util_common_high_internal.h"
+#include "h26x/util_h26x_base_internal.h"
+#include "sei/util_h26x_high_seiTimeCode_internal.h"
+#include "core/util_msg.h"
+#include "core/util_reentry.h"
 
 using quillane::kSeiDataSize;
 

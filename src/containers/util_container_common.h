@@ -15,9 +15,9 @@
 #include <cstdint>
 #include <type_traits>
 
-#include "util_alloc.h"
-#include "util_msg.h"
-#include "util_reentry.h"
+#include "core/util_alloc.h"
+#include "core/util_msg.h"
+#include "core/util_reentry.h"
 
 namespace quillane::container {
 
