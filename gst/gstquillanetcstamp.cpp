@@ -107,11 +107,6 @@ struct State {
     GstCaps* refused_caps = nullptr;
 };
 
-// The library converts the local time with a non-re-entrant call when it
-// synchronises a stream with the clock; elements of one process that stamp
-// streams on different streaming threads take turns.
-GMutex library_clock_lock;
-
 }  // namespace
 
 struct GstQuillaneTcstamp {
@@ -625,13 +620,11 @@ GstFlowReturn take(GstQuillaneTcstamp* self, GstBuffer* in) {
     const std::span<const std::uint8_t> au(map.data, map.size);
     const std::uint64_t tag = st.next_tag++;
     bool ok = false;
-    g_mutex_lock(&library_clock_lock);
     try {
         const std::optional<tcstamp::TimeCode> label = first_label(self, in, au);
         ok = st.stamper->push(au, tag, label);
     } catch (const std::bad_alloc&) {
     }
-    g_mutex_unlock(&library_clock_lock);
     gst_buffer_unmap(in, &map);
     if (!ok) {
         gst_buffer_unref(in);
@@ -662,12 +655,10 @@ void drain(GstQuillaneTcstamp* self) {
     State& st = self->state;
     if (st.stamper && !st.refused) {
         bool ok = false;
-        g_mutex_lock(&library_clock_lock);
         try {
             ok = st.stamper->finish();
         } catch (const std::bad_alloc&) {
         }
-        g_mutex_unlock(&library_clock_lock);
         GstBuffer* out = nullptr;
         while (next_output(self, &out) == GST_FLOW_OK && out != nullptr) {
             if (gst_pad_push(GST_BASE_TRANSFORM_SRC_PAD(self), out) != GST_FLOW_OK) break;

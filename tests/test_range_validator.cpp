@@ -152,8 +152,8 @@ TEST(RangeValidator, RegexKind) {
 
 // The compiled size of a pattern: every interval form counts as the C
 // library reads it ("{,n}" is "{0,n}"), nested ones multiply, and the edges
-// of the bound (512 nodes, an operand and its choice node per copy) fall
-// exactly here. Also the search itself: a match anywhere, across line feeds,
+// of the bound (512 nodes, an operand and its choice node per copy, and 32
+// ways to match the empty text) fall exactly here. Also the search itself: a match anywhere, across line feeds,
 // and a ")" that closes nothing stays an ordinary character.
 TEST(RangeValidator, RegexSizeBoundAndSearch) {
     enum Want { kMatch, kNoMatch, kTooBig };
@@ -181,8 +181,20 @@ TEST(RangeValidator, RegexSizeBoundAndSearch) {
         {"aa", "^a{,2}$", kMatch},
         {"aaa", "^a{,2}$", kNoMatch},
         {"a{,300}", "^a\\{,300}$", kMatch},
-        {"a", "((a{,6}){,6}){,6}", kMatch},
-        {"a", "((a{,6}){,6}){,7}", kTooBig},
+        {"a", "((ab{,6}){,6}){,6}", kMatch},
+        {"a", "((ab{,6}){,6}){,7}", kTooBig},
+        // Ways to match nothing, at most 32: optional operands inside
+        // optional intervals compile in seconds long before 512 nodes.
+        {"a", "(a?){,31}", kMatch},
+        {"a", "(a?){,32}", kTooBig},
+        {"a", "(a?|b?){,4}", kMatch},
+        {"a", "(a?|b?){,5}", kTooBig},
+        {"a", "(a?){2,32}(b|c?)", kMatch},
+        {"a", "(a?){2,32}(b?|c?)", kTooBig},
+        {"a", "((a?){,3}){10,}", kTooBig},
+        {"a", "((a{,6}){,3}){7,}", kTooBig},
+        {"a", "((a?)?){,120}", kTooBig},
+        {"a", "(^|x)(\\<|$){,16}", kTooBig},
         {"a", plus7, kMatch},
         {"a", plus8, kTooBig},
         {"aaa", "((a|b){32}){32}|aaa", kTooBig},

@@ -7,6 +7,7 @@
 
 #include <regex.h>
 
+#include <algorithm>
 #include <bit>
 #include <cstddef>
 #include <cstdint>
@@ -466,7 +467,20 @@ constexpr std::size_t kPatternBufferSize = 128;
 // most 1024 bytes keep one pattern under 16 MB and 100 ms on the camera.
 // Parameter values and their rules are far smaller ("^[0-9]{1,3}(\.[0-9]
 // {1,3}){3}$" is about 70 nodes).
+//
+// Size alone does not bound the compilation, though. The compiler follows
+// every way a part of the pattern can match nothing, and a loop or the
+// anchor in front makes it follow them again from each copy: with optional
+// operands inside optional intervals the ways multiply. "((a?){,3}){10,}"
+// is 110 nodes and has 4^10 ways through ten copies; it took 9 s to
+// compile, "(a?){,160}" 0.2 s and 26 MB behind the anchor, and
+// "((a?)?){,120}" 242 MB. So the screen also counts, for every part, the
+// ways it can match the empty text, and admits at most 32: "(a?){,31}"
+// compiles in about 2 ms. Rules that validate real values never come near
+// it; an optional operand inside an optional interval is always written
+// more simply without the nesting.
 constexpr std::uint64_t kMaxPatternNodes = 512;
+constexpr std::uint64_t kMaxEmptyWays = 32;
 constexpr std::size_t kMaxPatternValue = 1024;
 constexpr std::uint64_t kCostCeiling = std::uint64_t{1} << 40;
 // The library's own limit on an interval count.
@@ -497,12 +511,24 @@ std::size_t bracket_end(const char* p, std::size_t i) noexcept {
     return p[j] == '\0' ? j - 1 : j;
 }
 
+// A repetition's bounds: `*` is {0,}, `?` {0,1}, `+` {1,}.
+struct Interval {
+    std::uint64_t min = 0;
+    std::uint64_t max = 0;
+    bool unbounded = false;
+
+    // The copies the library makes of the operand (m, m + 1, n, n and 1;
+    // never less than 1, which only overstates "{0}").
+    std::uint64_t copies() const noexcept {
+        const std::uint64_t n = unbounded ? min + 1 : max;
+        return n == 0 ? 1 : n;
+    }
+};
+
 // Reads an interval opening at p[i]: "{m}", "{m,}", "{m,n}", and also "{,n}"
-// and "{,}", which the library reads with a minimum of 0. Gives the number
-// of copies the library makes of the operand (m, m + 1, n, n and 1; never
-// less than 1, which only overstates "{0}"), and the index of the "}".
-// False when it is no interval.
-bool read_interval(const char* p, std::size_t i, std::uint64_t& copies, std::size_t& end) noexcept {
+// and "{,}", which the library reads with a minimum of 0; `end` gets the
+// index of the "}". False when it is no interval.
+bool read_interval(const char* p, std::size_t i, Interval& out, std::size_t& end) noexcept {
     std::size_t j = i + 1;
     std::uint64_t numbers[2] = {0, 0};
     bool digits[2] = {false, false};
@@ -520,10 +546,33 @@ bool read_interval(const char* p, std::size_t i, std::uint64_t& copies, std::siz
         }
     }
     if (p[j] != '}' || !(digits[0] || comma)) return false;
-    copies = !comma ? numbers[0] : digits[1] ? numbers[1] : numbers[0] + 1;
-    if (copies == 0) copies = 1;
+    out.min = numbers[0];
+    out.unbounded = comma && !digits[1];
+    out.max = !comma ? numbers[0] : numbers[1];
     end = j;
     return true;
+}
+
+// The ways a repetition of an operand with `ways` empty matches can match
+// the empty text: each of the first `min` copies matches it, then the
+// optional copies stop after any of them (a loop counts as one more).
+std::uint64_t repeated_empty_ways(std::uint64_t ways, const Interval& rep) noexcept {
+    std::uint64_t required = 1;
+    for (std::uint64_t k = 0; k < rep.min && required != 0 && required < kCostCeiling; ++k) {
+        required = capped_mul(required, ways);
+    }
+    std::uint64_t optional = 1;
+    if (rep.unbounded) {
+        optional = capped_add(1, ways);
+    } else if (ways == 1 && rep.max >= rep.min) {
+        optional = rep.max - rep.min + 1;
+    } else if (ways > 1) {
+        for (std::uint64_t k = rep.min, power = 1; k < rep.max && optional < kCostCeiling; ++k) {
+            power = capped_mul(power, ways);
+            optional = capped_add(optional, power);
+        }
+    }
+    return capped_mul(required, optional);
 }
 
 // What the screen learns of a pattern: 0 when it may go to the compiler,
@@ -535,10 +584,99 @@ struct Screen {
     Mark marks[kPatternBufferSize] = {};
 };
 
-// Measures the pattern in compiled nodes: one per character, anchor and
-// alternative, three per bracket expression or class escape (a set for
-// single bytes, one for multibyte characters and a choice between them),
-// and a repeated operand times its copies plus one choice node per copy.
+// Measures a pattern as it is read, one group level per open parenthesis.
+// Nodes: one per character, anchor and alternative, three per bracket
+// expression or class escape (a set for single bytes, one for multibyte
+// characters and a choice between them), and a repeated operand times its
+// copies plus one choice node per copy. Empty ways: none for a character,
+// one for an anchor, the product along a branch, the sum over alternatives.
+class PatternMeter {
+public:
+    bool open_group() noexcept {
+        if (depth_ + 1 == kPatternBufferSize) return false;
+        levels_[++depth_] = Level{};
+        return true;
+    }
+    bool in_group() const noexcept { return depth_ > 0; }
+    void close_group() noexcept {
+        const Level& l = levels_[depth_];
+        const std::uint64_t nodes = capped_add(l.alternatives, l.branch);
+        const std::uint64_t ways = capped_add(l.alternative_ways, l.branch_ways);
+        --depth_;
+        add(nodes == 0 ? 1 : nodes, ways);
+    }
+    void alternative() noexcept {
+        Level& l = levels_[depth_];
+        l.alternatives = capped_add(l.alternatives, capped_add(l.branch, 1));
+        l.alternative_ways = capped_add(l.alternative_ways, l.branch_ways);
+        l = Level{l.alternatives, l.alternative_ways};
+    }
+    void add(std::uint64_t nodes, std::uint64_t ways) noexcept {
+        Level& l = levels_[depth_];
+        l.before = l.branch_ways;
+        l.branch = capped_add(l.branch, nodes);
+        l.last = nodes;
+        l.last_ways = ways;
+        set_branch_ways(l, capped_mul(l.before, ways));
+    }
+    void repeat(const Interval& rep) noexcept {
+        Level& l = levels_[depth_];
+        l.branch -= l.last;
+        l.last = capped_mul(l.last + 1, rep.copies());
+        l.branch = capped_add(l.branch, l.last);
+        l.last_ways = repeated_empty_ways(l.last_ways, rep);
+        worst_ways_ = std::max(worst_ways_, l.last_ways);
+        set_branch_ways(l, capped_mul(l.before, l.last_ways));
+    }
+    int refusal() noexcept {
+        while (depth_ > 0) close_group();
+        const Level& top = levels_[0];
+        const bool too_big = capped_add(top.alternatives, top.branch) > kMaxPatternNodes;
+        const bool too_ambiguous = std::max(worst_ways_, capped_add(top.alternative_ways, top.branch_ways)) >
+                                   kMaxEmptyWays;
+        return too_big || too_ambiguous ? REG_ESIZE : 0;
+    }
+
+private:
+    struct Level {
+        std::uint64_t alternatives = 0;      // nodes of the finished branches
+        std::uint64_t alternative_ways = 0;  // their empty ways, summed
+        std::uint64_t branch = 0;            // nodes of the branch being read
+        std::uint64_t branch_ways = 1;       // its empty ways (an empty branch has one)
+        std::uint64_t before = 1;            // the same, before its last part
+        std::uint64_t last = 0;              // nodes of the last atom or group
+        std::uint64_t last_ways = 0;         // and its empty ways, for a repetition
+    };
+    void set_branch_ways(Level& l, std::uint64_t ways) noexcept {
+        l.branch_ways = ways;
+        worst_ways_ = std::max(worst_ways_, ways);
+    }
+
+    Level levels_[kPatternBufferSize] = {};
+    std::size_t depth_ = 0;
+    std::uint64_t worst_ways_ = 0;
+};
+
+// Reads the repetition symbol at p[i], if it is one; `end` gets its last index.
+bool read_repetition(const char* p, std::size_t i, Interval& rep, std::size_t& end) noexcept {
+    end = i;
+    switch (p[i]) {
+        case '*':
+            rep = Interval{0, 0, true};
+            return true;
+        case '?':
+            rep = Interval{0, 1, false};
+            return true;
+        case '+':
+            rep = Interval{1, 0, true};
+            return true;
+        case '{':
+            return read_interval(p, i, rep, end);
+        default:
+            return false;
+    }
+}
+
 // Two constructs that POSIX extended expressions leave undefined are
 // refused as well, because the C library accepts them at a cost that can
 // explode: adjacent repetition symbols ("a??+", whose compilation time grows
@@ -546,39 +684,22 @@ struct Screen {
 // can grow so with the value's length).
 Screen screen_pattern(const char* p) noexcept {
     Screen out;
-    struct Level {
-        std::uint64_t alternatives;  // finished branches of this group
-        std::uint64_t branch;        // the branch being read
-        std::uint64_t last;          // the last atom or group, for a repetition
-    };
-    Level levels[kPatternBufferSize] = {};
-    std::size_t depth = 0;
-    auto add = [&](std::uint64_t cost) {
-        levels[depth].branch = capped_add(levels[depth].branch, cost);
-        levels[depth].last = cost;
-    };
-    auto repeat = [&](std::uint64_t copies) {
-        Level& l = levels[depth];
-        l.branch -= l.last;
-        l.last = capped_mul(l.last + 1, copies);
-        l.branch = capped_add(l.branch, l.last);
-    };
-    auto close_group = [&] {
-        const std::uint64_t group = capped_add(levels[depth].alternatives, levels[depth].branch);
-        --depth;
-        add(group == 0 ? 1 : group);
-    };
+    PatternMeter meter;
     bool after_repetition = false;
     for (std::size_t i = 0; p[i] != '\0'; ++i) {
-        std::uint64_t copies = 0;
-        std::size_t end = 0;
-        const bool repetition =
-            p[i] == '*' || p[i] == '?' || p[i] == '+' || (p[i] == '{' && read_interval(p, i, copies, end));
+        Interval rep;
+        std::size_t end = i;
+        const bool repetition = read_repetition(p, i, rep, end);
         if (repetition && after_repetition) {
             out.refusal = REG_BADRPT;
             return out;
         }
         after_repetition = repetition;
+        if (repetition) {
+            meter.repeat(rep);
+            i = end;
+            continue;
+        }
         switch (p[i]) {
             case '\\':
                 if (p[i + 1] >= '1' && p[i + 1] <= '9') {
@@ -586,59 +707,43 @@ Screen screen_pattern(const char* p) noexcept {
                     return out;
                 }
                 if (p[i + 1] != '\0') ++i;
-                add(std::strchr("wWsS", p[i]) != nullptr ? 3 : 1);
+                if (std::strchr("wWsS", p[i]) != nullptr) {
+                    meter.add(3, 0);
+                } else {
+                    meter.add(1, std::strchr("bB<>`'", p[i]) != nullptr ? 1 : 0);  // anchors match empty
+                }
                 break;
             case '[':
                 i = bracket_end(p, i);
-                add(3);
+                meter.add(3, 0);
                 break;
             case '(':
-                if (depth + 1 == kPatternBufferSize) {
+                if (!meter.open_group()) {
                     out.refusal = REG_ESIZE;
                     return out;
                 }
-                levels[++depth] = Level{};
                 break;
             case ')':
-                if (depth == 0) {  // closes nothing: an ordinary character
+                if (meter.in_group()) {
+                    meter.close_group();
+                } else {  // closes nothing: an ordinary character
                     out.marks[i] = Mark::stray_close;
-                    add(1);
-                } else {
-                    close_group();
+                    meter.add(1, 0);
                 }
                 break;
             case '|':
-                levels[depth].alternatives =
-                    capped_add(levels[depth].alternatives, capped_add(levels[depth].branch, 1));
-                levels[depth].branch = 0;
-                levels[depth].last = 0;
+                meter.alternative();
                 break;
             case '^':
                 out.marks[i] = Mark::line_start;
-                add(1);
-                break;
-            case '*':
-            case '?':
-                repeat(1);
-                break;
-            case '+':
-                repeat(2);
-                break;
-            case '{':
-                if (repetition) {
-                    repeat(copies);
-                    i = end;
-                } else {
-                    add(1);
-                }
+                meter.add(1, 1);
                 break;
             default:
-                add(1);
+                meter.add(1, p[i] == '$' ? 1 : 0);
                 break;
         }
     }
-    while (depth > 0) close_group();
-    if (capped_add(levels[0].alternatives, levels[0].branch) > kMaxPatternNodes) out.refusal = REG_ESIZE;
+    out.refusal = meter.refusal();
     return out;
 }
 
@@ -722,6 +827,57 @@ Verdict judge_patterns(const UTIL_CHAR* value, const UTIL_CHAR* list, char* deta
     return Verdict::admitted;
 }
 
+// What each verdict answers: its result code and its console message,
+// which the regular-expression verdicts complete with the library's text.
+struct VerdictReport {
+    UTIL_S32 result;
+    const char* text;
+    bool with_detail;
+};
+static_assert(kPatternBufferSize == 128, "the pattern length message names the limit");
+constexpr VerdictReport report_of(Verdict v) noexcept {
+    switch (v) {
+        case Verdict::admitted:
+            return {UTIL_STR_COMPARE_RETURN_ERR_NONE, nullptr, false};
+        case Verdict::out_of_range:
+            return {UTIL_STR_COMPARE_RETURN_ERR_SUBSTR_OUTRANGE, "error: outRange##########warn", false};
+        case Verdict::empty_value:
+            return {UTIL_STR_COMPARE_RETURN_ERR_OTHER, "error: subStr_size is 0!!!!\n", false};
+        case Verdict::list_not_digital:
+            return {UTIL_STR_COMPARE_RETURN_ERR_OTHER, "error: listStr is not digital!!!!\n", false};
+        case Verdict::no_maximum:
+            return {UTIL_STR_COMPARE_RETURN_ERR_OTHER, "error: listStr has no max value!!!!\n", false};
+        case Verdict::bound_overflow:
+            return {UTIL_STR_COMPARE_RETURN_ERR_OTHER, "error: listStr value is beyond 32 bits!!!!\n", false};
+        case Verdict::min_above_max:
+            return {UTIL_STR_COMPARE_RETURN_ERR_OTHER, "error: listStr value: min is greater than max!!!!\n", false};
+        case Verdict::value_not_digital:
+            return {UTIL_STR_COMPARE_RETURN_ERR_SUBSTR_FORMAT, "error: subStr is not digital!!!!\n", false};
+        case Verdict::format_wrong:
+            return {UTIL_STR_COMPARE_RETURN_ERR_OTHER, "error: listStr format is wrong(NULL)", false};
+        case Verdict::pattern_too_long:
+            return {UTIL_STR_COMPARE_RETURN_ERR_OTHER, "error: listStr must be less than 127(reg_str_size - 1)", false};
+        case Verdict::regcomp_failed:
+            return {UTIL_STR_COMPARE_RETURN_ERR_SUBSTR_FORMAT, "error: regcomp failed ", true};
+        case Verdict::regexec_failed:
+            return {UTIL_STR_COMPARE_RETURN_ERR_SUBSTR_FORMAT, "error: regexec failed ", true};
+    }
+    return {UTIL_STR_COMPARE_RETURN_ERR_OTHER, nullptr, false};
+}
+
+// The kind is the rule's first character; kinds 0, 1 and 3 are judged by
+// their own readers, kind 2 admits everything.
+Verdict judge_by_kind(int kind, const UTIL_CHAR* value, const UTIL_CHAR* list, char* detail) noexcept {
+    switch (kind) {
+        case UTIL_TYPE_COMPARE_STRING_LIST_ENUM_RANGE:
+            return judge_enum(value, list);
+        case UTIL_TYPE_COMPARE_DIGITAL_MIN_MAX_RANGE:
+            return judge_min_max(value, list);
+        default:
+            return judge_patterns(value, list, detail);
+    }
+}
+
 UTIL_S32 Func_judgeSubStrWithinRange(UTIL_CHAR* subStr, const UTIL_CHAR* listStr) noexcept {
     if (subStr == nullptr) {
         UTIL_DBG_ERR("###########error: the subStr is NULL!!!!\n");
@@ -742,61 +898,13 @@ UTIL_S32 Func_judgeSubStrWithinRange(UTIL_CHAR* subStr, const UTIL_CHAR* listStr
         UTIL_DBG_ERR("error: listStr_size less  than 4!!!\n");
         return UTIL_STR_COMPARE_RETURN_ERR_OTHER;
     }
-
     char detail[kRegexErrorSize];
     detail[0] = '\0';
-    Verdict verdict = Verdict::admitted;
-    switch (kind) {
-        case UTIL_TYPE_COMPARE_STRING_LIST_ENUM_RANGE:
-            verdict = judge_enum(subStr, listStr);
-            break;
-        case UTIL_TYPE_COMPARE_DIGITAL_MIN_MAX_RANGE:
-            verdict = judge_min_max(subStr, listStr);
-            break;
-        default:
-            verdict = judge_patterns(subStr, listStr, detail);
-            break;
+    const VerdictReport report = report_of(judge_by_kind(kind, subStr, listStr, detail));
+    if (report.text != nullptr) {
+        UTIL_DBG_ERR("%s%s%s", report.text, report.with_detail ? detail : "", report.with_detail ? "\n" : "");
     }
-
-    switch (verdict) {
-        case Verdict::admitted:
-            return UTIL_STR_COMPARE_RETURN_ERR_NONE;
-        case Verdict::out_of_range:
-            UTIL_DBG_ERR("error: outRange##########warn");
-            return UTIL_STR_COMPARE_RETURN_ERR_SUBSTR_OUTRANGE;
-        case Verdict::empty_value:
-            UTIL_DBG_ERR("error: subStr_size is 0!!!!\n");
-            return UTIL_STR_COMPARE_RETURN_ERR_OTHER;
-        case Verdict::list_not_digital:
-            UTIL_DBG_ERR("error: listStr is not digital!!!!\n");
-            return UTIL_STR_COMPARE_RETURN_ERR_OTHER;
-        case Verdict::no_maximum:
-            UTIL_DBG_ERR("error: listStr has no max value!!!!\n");
-            return UTIL_STR_COMPARE_RETURN_ERR_OTHER;
-        case Verdict::bound_overflow:
-            UTIL_DBG_ERR("error: listStr value is beyond 32 bits!!!!\n");
-            return UTIL_STR_COMPARE_RETURN_ERR_OTHER;
-        case Verdict::min_above_max:
-            UTIL_DBG_ERR("error: listStr value: min is greater than max!!!!\n");
-            return UTIL_STR_COMPARE_RETURN_ERR_OTHER;
-        case Verdict::value_not_digital:
-            UTIL_DBG_ERR("error: subStr is not digital!!!!\n");
-            return UTIL_STR_COMPARE_RETURN_ERR_SUBSTR_FORMAT;
-        case Verdict::format_wrong:
-            UTIL_DBG_ERR("error: listStr format is wrong(NULL)");
-            return UTIL_STR_COMPARE_RETURN_ERR_OTHER;
-        case Verdict::pattern_too_long:
-            UTIL_DBG_ERR("error: listStr must be less than %d(reg_str_size - 1)",
-                         static_cast<int>(kPatternBufferSize - 1));
-            return UTIL_STR_COMPARE_RETURN_ERR_OTHER;
-        case Verdict::regcomp_failed:
-            UTIL_DBG_ERR("error: regcomp failed %s\n", detail);
-            return UTIL_STR_COMPARE_RETURN_ERR_SUBSTR_FORMAT;
-        case Verdict::regexec_failed:
-            UTIL_DBG_ERR("error: regexec failed %s\n", detail);
-            return UTIL_STR_COMPARE_RETURN_ERR_SUBSTR_FORMAT;
-    }
-    return UTIL_STR_COMPARE_RETURN_ERR_OTHER;
+    return report.result;
 }
 
 }  // namespace

@@ -47,14 +47,17 @@ UTIL_S32 Func_get_local_time(struct tm* ptm, UTIL_U32* ptvUsec) noexcept {
         UTIL_DBG_ERR("error; gettimeofday failed\n");
         return -1;
     }
+    // The zone is read again on every call, so a changed TZ takes effect at
+    // once; the conversion itself is the re-entrant one, so streams that
+    // synchronise on different threads need no lock around it.
     tzset();
     const time_t seconds = tv.tv_sec;
-    const struct tm* local = std::localtime(&seconds);
-    if (local == nullptr) {
+    struct tm local = {};
+    if (localtime_r(&seconds, &local) == nullptr) {
         UTIL_DBG_ERR("error; localtime failed\n");
         return -1;
     }
-    *ptm = *local;
+    *ptm = local;
     *ptvUsec = static_cast<UTIL_U32>(tv.tv_usec);
     return 0;
 }
