@@ -49,6 +49,8 @@ class ParameterTest : public qtest::DebugRecordTest {
 protected:
     void SetUp() override {
         DebugRecordTest::SetUp();
+        // A marker left by an interrupted run would add lines to every trace.
+        ASSERT_TRUE(marker_.held()) << "a stale " << marker_.path() << " cannot be removed";
         log_ = use_log("param.log");
     }
     void TearDown() override {
@@ -70,6 +72,7 @@ protected:
         return log.substr(log.find('\n', log.find("] size;")) + 1);
     }
 
+    qtest::MachineWideFile marker_{qtest::kParameterMarker};
     std::string log_;
     char text_[8] = "text";
     util_list_parameter_class_t list_{};
@@ -137,11 +140,11 @@ TEST_F(ParameterTest, ReinitRefusalsFailuresAndReleaseTraceInOrder) {
 }
 
 TEST_F(ParameterTest, MarkerFileAddsOneLinePerParameterAndPerClass) {
-    if (geteuid() != 0) GTEST_SKIP() << "creating /dev/util_parameter_base needs root";
-    qtest::write_file("/dev/util_parameter_base", "");
+    if (geteuid() != 0) GTEST_SKIP() << "creating " << marker_.path() << " needs root";
+    qtest::write_file(marker_.path(), "");
     build();
-    std::remove("/dev/util_parameter_base");  // before any check can end the test
-    EXPECT_FALSE(qtest::exists("/dev/util_parameter_base"));
+    marker_.remove();
+    ASSERT_TRUE(marker_.held());
     const std::string init = "init_list_function";
     EXPECT_THAT(qtest::read_file(log_),
                 FullyMatches(L(init, "malloc succeed, pc num;3") + L(init, "malloc succeed, strlist num;2") +

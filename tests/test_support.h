@@ -7,6 +7,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -14,6 +15,7 @@
 #include <regex>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "util_function.h"
@@ -81,6 +83,29 @@ inline std::string net_error(const std::string& func, const std::string& text) {
 }
 
 inline bool exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
+
+// A file at a fixed path shared by the whole machine, which a test may
+// create. One left behind by an interrupted run is removed before the test
+// starts, and whatever the test created is removed however it ends, so no run
+// inherits another's. held() is false when a stale file is still there
+// (removing it needs root).
+class MachineWideFile {
+public:
+    explicit MachineWideFile(std::string path) : path_(std::move(path)) { remove(); }
+    ~MachineWideFile() { remove(); }
+    MachineWideFile(const MachineWideFile&) = delete;
+    MachineWideFile& operator=(const MachineWideFile&) = delete;
+
+    bool held() const { return !exists(path_); }
+    const std::string& path() const { return path_; }
+    void remove() const { std::remove(path_.c_str()); }
+
+private:
+    std::string path_;
+};
+
+// While it exists, building a parameter list traces every parameter and class.
+inline constexpr const char* kParameterMarker = "/dev/util_parameter_base";
 
 inline util_dbgout_attr_fun_t* attr() { return util_ops_pfun->dbgout->pstDebugAttr; }
 inline util_dbgout_t* dbg() { return attr()->get(); }

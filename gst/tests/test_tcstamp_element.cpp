@@ -179,6 +179,23 @@ GstPadProbeReturn take_meta(GstPad*, GstPadProbeInfo* info, gpointer out) noexce
     return GST_PAD_PROBE_OK;
 }
 
+// The held pictures add their time to the latency upstream reports: whole
+// frames of `frame` each on top of what the element's upstream says.
+void expect_held_frames_in_latency(GstPad* sink_pad, GstPad* src_pad, GstClockTime frame) {
+    GstQuery* with = gst_query_new_latency();
+    GstQuery* without = gst_query_new_latency();
+    GstClockTime min_with = 0;
+    GstClockTime min_without = 0;
+    EXPECT_TRUE(gst_pad_query(src_pad, with));
+    EXPECT_TRUE(gst_pad_peer_query(sink_pad, without));
+    gst_query_parse_latency(with, nullptr, &min_with, nullptr);
+    gst_query_parse_latency(without, nullptr, &min_without, nullptr);
+    EXPECT_GT(min_with, min_without);
+    EXPECT_EQ((min_with - min_without) % frame, 0u);
+    gst_query_unref(with);
+    gst_query_unref(without);
+}
+
 TEST_F(ElementTest, BFramesKeepDecodeOrderAndTimingAndGetTheirPresentationLabelAsMeta) {
     const int frames = 60;
     GError* error = nullptr;
@@ -226,19 +243,7 @@ TEST_F(ElementTest, BFramesKeepDecodeOrderAndTimingAndGetTheirPresentationLabelA
     for (const auto& [pts, label] : ours) labels.push_back(label);
     EXPECT_EQ(labels, counted("10:59:59:20", 25, 1, false, frames));
 
-    // The held pictures add their time to the latency upstream reports.
-    GstQuery* with = gst_query_new_latency();
-    GstQuery* without = gst_query_new_latency();
-    ASSERT_TRUE(gst_pad_query(src_pad, with));
-    ASSERT_TRUE(gst_pad_peer_query(sink_pad, without));
-    GstClockTime min_with = 0;
-    GstClockTime min_without = 0;
-    gst_query_parse_latency(with, nullptr, &min_with, nullptr);
-    gst_query_parse_latency(without, nullptr, &min_without, nullptr);
-    EXPECT_GT(min_with, min_without);
-    EXPECT_EQ((min_with - min_without) % (40 * GST_MSECOND), 0u);
-    gst_query_unref(with);
-    gst_query_unref(without);
+    expect_held_frames_in_latency(sink_pad, src_pad, 40 * GST_MSECOND);
 
     EXPECT_THAT(pop_messages(bus), ::testing::IsEmpty());
     gst_element_set_state(pipeline, GST_STATE_NULL);

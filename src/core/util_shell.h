@@ -52,4 +52,7 @@ inline bool append_word(char* buf, std::size_t size, std::size_t& pos, std::stri
     return shell_safe(text) ? append_text(buf, size, pos, text) : append_quoted(buf, size, pos, text);
 }
 
+// Digits of a byte dump ("0x1F") and of numbers printed in bases up to 16.
+inline constexpr char kHexDigitsUpper[] = "0123456789ABCDEF";
+
 }  // namespace quillane

@@ -19,6 +19,7 @@
 
 #include "dbgout/util_dbgout_internal.h"
 #include "core/util_msg.h"
+#include "core/util_shell.h"
 
 void quillane::console_message(FILE* stream, const char* fmt, ...) noexcept {
     // A diagnostic never changes errno: the caller may still want the reason.
@@ -190,6 +191,103 @@ void Func_nolocks_localtime(struct tm* tmp, time_t t, time_t tz, UTIL_S32 dst) n
     tmp->tm_year = static_cast<int>(year - 1900);
 }
 
+namespace {
+
+// Runs `step` with the stream lock released and takes the lock back before
+// returning its result. The only places the lock is let go: an open (which
+// may wait) and the pause of a rotation. Whatever was read under the lock
+// must be read again afterwards.
+template <typename Step>
+auto without_lock(std::unique_lock<std::mutex>& lock, Step step) noexcept {
+    lock.unlock();
+    auto result = step();
+    lock.lock();
+    return result;
+}
+
+// Installs a stream opened without the lock, unless another thread installed
+// one meanwhile: then that stream is shared and this one closed.
+void install_stream(util_dbgout_dbglog_t* pdbglog, FILE* fresh) noexcept {
+    if (pdbglog->log_fp == nullptr) {
+        pdbglog->log_fp = fresh;
+    } else if (fresh != nullptr) {
+        std::fclose(fresh);
+    }
+}
+
+// Opens the log file for the first message after the stream was closed.
+// False drops the message: nothing could be opened (or it is no regular
+// file), or a rotation started while the lock was released.
+bool open_stream(std::unique_lock<std::mutex>& lock, util_dbgout_dbglog_t* pdbglog, const char* path) noexcept {
+    const UTIL_U64 max_size = pdbglog->log_max_size;
+    FILE* fresh = without_lock(lock, [&] { return open_log(path, max_size); });
+    if (fresh == nullptr) {
+        return false;
+    }
+    install_stream(pdbglog, fresh);
+    return (pdbglog->enable & UTIL_DBGOUT_DBGLOG_BUSY) == 0;
+}
+
+struct Written {
+    bool dropped;   // the message did not reach the file
+    long position;  // the stream's size afterwards, negative when unknown
+};
+
+Written write_message(FILE* fp, const UTIL_CHAR* msg, UTIL_U32 enable, const util_dbgout_extra_info_t* px) noexcept {
+    const int written = (enable & UTIL_DBGOUT_DBGLOG_TIMESTAMP) != 0 ? write_stamped(fp, msg, px) : std::fputs(msg, fp);
+    std::fflush(stdout);
+    // A failed write (a full disk, say) drops this message; clearing the
+    // error lets the next message try again.
+    const bool dropped = written < 0 || std::fflush(fp) != 0;
+    if (dropped) {
+        std::clearerr(fp);
+    }
+    return {dropped, std::ftell(fp)};
+}
+
+// The file was deleted or moved away while open: the stream is closed and a
+// new file started, again without holding the lock across the open.
+void reopen_deleted(quillane::Where where, std::unique_lock<std::mutex>& lock, util_dbgout_dbglog_t* pdbglog,
+                    const char* path) noexcept {
+    close_stream(pdbglog);
+    install_stream(pdbglog, without_lock(lock, [&] { return create_log(path); }));
+    UTIL_DBG_ERR_AT(where, "stat ERR\n");
+}
+
+// Past the size limit: after a pause in which messages are dropped (BUSY),
+// the file is renamed to its backup, or file logging is switched off.
+UTIL_S32 rotate(quillane::Where where, std::unique_lock<std::mutex>& lock, util_dbgout_dbglog_t* pdbglog) noexcept {
+    if ((pdbglog->enable & UTIL_DBGOUT_DBGLOG_BUSY) != 0 || pdbglog->log_fp == nullptr) {
+        UTIL_DBG_ERR_AT(where, "warning: mult pthread enter\n");
+        return 1;
+    }
+    pdbglog->enable |= UTIL_DBGOUT_DBGLOG_BUSY;
+    without_lock(lock, [] { return usleep(kRotationPauseUs); });
+    if (pdbglog->log_fp == nullptr) {
+        UTIL_DBG_ERR_AT(where, "log(%s) max, wait a moment\n", pdbglog->log_path);
+        pdbglog->enable &= ~UTIL_DBGOUT_DBGLOG_BUSY;
+        return 0;
+    }
+    close_stream(pdbglog);
+    if ((pdbglog->enable & UTIL_DBGOUT_DBGLOG_BACKUP) != 0) {
+        char backup[kBackupNameSize];
+        std::snprintf(backup, sizeof backup, "%s_bak", pdbglog->log_path);
+        if (std::rename(pdbglog->log_path, backup) == 0) {
+            UTIL_DBG_ERR_AT(where, "update %s success\n", backup);
+        } else {
+            UTIL_DBG_ERR_AT(where, "update %s error\n", backup);
+        }
+    } else {
+        pdbglog->enable &= ~UTIL_DBGOUT_DBGLOG_ENABLE;
+    }
+    pdbglog->enable &= ~UTIL_DBGOUT_DBGLOG_BUSY;
+    return 0;
+}
+
+}  // namespace
+
+// The stream lock is held from start to end; the steps above let it go only
+// through without_lock.
 UTIL_S32 Func_dbgout_dbglog(util_dbgout_dbglog_t* pdbglog, const UTIL_CHAR* msg,
                             util_dbgout_extra_info_t* pextraInfo) noexcept {
     std::unique_lock<std::mutex> lock(g_stream_lock);
@@ -205,93 +303,23 @@ UTIL_S32 Func_dbgout_dbglog(util_dbgout_dbglog_t* pdbglog, const UTIL_CHAR* msg,
     if (!path_is_terminated(pdbglog)) {
         return 1;
     }
-    // The path is copied out because the lock is not held across the open.
+    // The path is copied out because the lock is not held across an open.
     char path[kPathSize];
     std::memcpy(path, pdbglog->log_path, kPathSize);
-    if (pdbglog->log_fp == nullptr) {
-        const UTIL_U64 max_size = pdbglog->log_max_size;
-        lock.unlock();
-        FILE* fresh = open_log(path, max_size);
-        lock.lock();
-        if (fresh == nullptr) {
-            return 1;  // cannot open, or not a regular file: the message is dropped
-        }
-        if (pdbglog->log_fp == nullptr) {
-            pdbglog->log_fp = fresh;
-        } else {
-            std::fclose(fresh);  // another thread opened it meanwhile: share its stream
-        }
-        // A rotation that started meanwhile drops this message like any other.
-        if ((pdbglog->enable & UTIL_DBGOUT_DBGLOG_BUSY) != 0) {
-            return 1;
-        }
+    if (pdbglog->log_fp == nullptr && !open_stream(lock, pdbglog, path)) {
+        return 1;
     }
-    FILE* fp = pdbglog->log_fp;
-    int written;
-    if ((pdbglog->enable & UTIL_DBGOUT_DBGLOG_TIMESTAMP) != 0) {
-        written = write_stamped(fp, msg, pextraInfo);
-    } else {
-        written = std::fputs(msg, fp);
-    }
-    std::fflush(stdout);
-    // A failed write (a full disk, say) drops this message; clearing the
-    // error lets the next message try again.
-    const bool dropped = written < 0 || std::fflush(fp) != 0;
-    if (dropped) {
-        std::clearerr(fp);
-    }
-    const long position = std::ftell(fp);
-
+    const Written written = write_message(pdbglog->log_fp, msg, pdbglog->enable, pextraInfo);
     struct stat st;
     if (stat(path, &st) != 0) {
-        // Deleted or moved away while open: start a new file, again without
-        // holding the lock across the open.
-        std::fclose(fp);
-        pdbglog->log_fp = nullptr;
-        lock.unlock();
-        FILE* fresh = create_log(path);
-        lock.lock();
-        if (pdbglog->log_fp == nullptr) {
-            pdbglog->log_fp = fresh;
-        } else if (fresh != nullptr) {
-            std::fclose(fresh);
-        }
-        UTIL_DBG_ERR("stat ERR\n");
+        reopen_deleted(UTIL_HERE, lock, pdbglog, path);
         return 0;
     }
     // A position that cannot be read leaves no size to keep in check.
-    if (position < 0 || static_cast<UTIL_U64>(position) <= pdbglog->log_max_size) {
-        return dropped ? 1 : 0;
+    if (written.position < 0 || static_cast<UTIL_U64>(written.position) <= pdbglog->log_max_size) {
+        return written.dropped ? 1 : 0;
     }
-
-    // Past the limit: rotate to the backup, or switch file logging off.
-    if ((pdbglog->enable & UTIL_DBGOUT_DBGLOG_BUSY) != 0 || pdbglog->log_fp == nullptr) {
-        UTIL_DBG_ERR("warning: mult pthread enter\n");
-        return 1;
-    }
-    pdbglog->enable |= UTIL_DBGOUT_DBGLOG_BUSY;
-    lock.unlock();
-    usleep(kRotationPauseUs);
-    lock.lock();
-    if (pdbglog->log_fp == nullptr) {
-        UTIL_DBG_ERR("log(%s) max, wait a moment\n", pdbglog->log_path);
-        pdbglog->enable &= ~UTIL_DBGOUT_DBGLOG_BUSY;
-        return 0;
-    }
-    close_stream(pdbglog);
-    if ((pdbglog->enable & UTIL_DBGOUT_DBGLOG_BACKUP) != 0) {
-        char backup[kBackupNameSize];
-        std::snprintf(backup, sizeof backup, "%s_bak", pdbglog->log_path);
-        if (std::rename(pdbglog->log_path, backup) == 0) {
-            UTIL_DBG_ERR("update %s success\n", backup);
-        } else {
-            UTIL_DBG_ERR("update %s error\n", backup);
-        }
-    } else {
-        pdbglog->enable &= ~UTIL_DBGOUT_DBGLOG_ENABLE;
-    }
-    pdbglog->enable &= ~UTIL_DBGOUT_DBGLOG_BUSY;
-    return 0;
+    return rotate(UTIL_HERE, lock, pdbglog);
 }
 
 UTIL_S32 Func_dbgout_syslog(util_dbgout_syslog_t* psyslog, const UTIL_CHAR* msg,
@@ -365,7 +393,6 @@ UTIL_S32 Func_dbgout_cmdToStr(UTIL_U8* arr, UTIL_U8 size, UTIL_CHAR* buf) noexce
     }
     // "{0xHH" for the first byte, ", 0xHH" for each further one, "}" last:
     // exactly six characters a byte.
-    static constexpr char kHex[] = "0123456789ABCDEF";
     UTIL_CHAR* p = buf;
     for (unsigned i = 0; i < size; ++i) {
         if (i == 0) {
@@ -376,8 +403,8 @@ UTIL_S32 Func_dbgout_cmdToStr(UTIL_U8* arr, UTIL_U8 size, UTIL_CHAR* buf) noexce
         }
         *p++ = '0';
         *p++ = 'x';
-        *p++ = kHex[arr[i] >> 4];
-        *p++ = kHex[arr[i] & 0xF];
+        *p++ = quillane::kHexDigitsUpper[arr[i] >> 4];
+        *p++ = quillane::kHexDigitsUpper[arr[i] & 0xF];
     }
     *p++ = '}';
     *p = '\0';

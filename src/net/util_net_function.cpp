@@ -18,6 +18,7 @@
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
+#include <initializer_list>
 #include <iterator>
 #include <memory>
 
@@ -34,10 +35,6 @@ using quillane::UniqueFd;
 using quillane::UniqueFile;
 using quillane::net::procNetRoute_path;
 using quillane::net::resolv_conf_path;
-
-// The socket address the setters and the gateway routines fill and copy into
-// their requests. Shared and unlocked: callers serialise those calls.
-struct sockaddr_in sa = {AF_INET, 0, {0}, {0}};
 
 constexpr std::size_t kRouteLineSize = 130;
 constexpr std::size_t kResolverTextSize = 128;
@@ -74,25 +71,31 @@ UTIL_S32 clamp_length(UTIL_S32 len) noexcept { return len > 0 ? len : 0; }
 // order. kSilent fails with the result alone.
 enum class Fail { kNone, kFirst, kSecond, kThird, kSilent };
 
-// Returns -1 from the calling operation when `fail` is a failure, printing
-// that operation's message for it (so the message carries its name and line).
-#define NET_RETURN_ON_FAILURE(fail, ...)                              \
-    do {                                                              \
-        const Fail fail_ = (fail);                                    \
-        const char* const texts_[] = {__VA_ARGS__};                   \
-        const auto index_ = static_cast<std::size_t>(fail_) - 1;      \
-        if (fail_ == Fail::kNone) break;                              \
-        if (fail_ != Fail::kSilent && index_ < std::size(texts_)) {   \
-            UTIL_DBG_ERR("%s", texts_[index_]);                       \
-        }                                                             \
-        return -1;                                                    \
-    } while (0)
+// Tells whether a step failed. A failure prints the calling operation's
+// message for it, so the message carries that operation's name and line; the
+// caller then returns -1.
+bool failed(quillane::Where where, Fail fail, std::initializer_list<const char*> texts) noexcept {
+    if (fail == Fail::kNone) return false;
+    const auto index = static_cast<std::size_t>(fail) - 1;
+    if (fail != Fail::kSilent && index < texts.size()) UTIL_DBG_ERR_AT(where, "%s", std::data(texts)[index]);
+    return true;
+}
 
 // Opens a socket, issues one ioctl on ifr and closes the socket.
 Fail one_request(unsigned long request, struct ifreq& ifr) noexcept {
     UniqueFd fd = open_request_socket();
     if (!fd) return Fail::kFirst;
     return ioctl(fd.get(), request, &ifr) < 0 ? Fail::kSecond : Fail::kNone;
+}
+
+// An IPv4 socket address without a port, as the setters and the route
+// requests carry it.
+struct sockaddr_in inet_address(in_addr_t addr) noexcept {
+    struct sockaddr_in in;
+    std::memset(&in, 0, sizeof in);
+    in.sin_family = AF_INET;
+    in.sin_addr.s_addr = addr;
+    return in;
 }
 
 in_addr_t address_of(const struct sockaddr& addr) noexcept {
@@ -118,23 +121,29 @@ Fail address_as_text(const UTIL_CHAR* ifname, unsigned long request, UTIL_CHAR* 
 
 UTIL_S32 Func_net_get_ifaddr_str(UTIL_CHAR* ifname, UTIL_CHAR* ipaddr, UTIL_S32 ipaddrLen) noexcept {
     if (ifname == nullptr || ipaddr == nullptr) return refuse_null();
-    NET_RETURN_ON_FAILURE(address_as_text(ifname, SIOCGIFADDR, ipaddr, ipaddrLen), "Func_net_get_ifaddr_str socket\n",
-                          "Func_net_get_ifaddr_str ioctl\n");
+    if (failed(UTIL_HERE, address_as_text(ifname, SIOCGIFADDR, ipaddr, ipaddrLen),
+               {"Func_net_get_ifaddr_str socket\n", "Func_net_get_ifaddr_str ioctl\n"})) {
+        return -1;
+    }
     return 0;
 }
 
 UTIL_S32 Func_net_get_netmask(UTIL_CHAR* ifname, UTIL_CHAR* ipaddr, UTIL_S32 ipaddrLen) noexcept {
     if (ifname == nullptr || ipaddr == nullptr) return refuse_null();
-    NET_RETURN_ON_FAILURE(address_as_text(ifname, SIOCGIFNETMASK, ipaddr, ipaddrLen), "Func_net_get_netmask socket\n",
-                          "Func_net_get_netmask ioctl\n");
+    if (failed(UTIL_HERE, address_as_text(ifname, SIOCGIFNETMASK, ipaddr, ipaddrLen),
+               {"Func_net_get_netmask socket\n", "Func_net_get_netmask ioctl\n"})) {
+        return -1;
+    }
     return 0;
 }
 
 UTIL_S32 Func_net_get_hwaddr(UTIL_CHAR* ifname, UTIL_UCHAR* mac) noexcept {
     if (ifname == nullptr || mac == nullptr) return refuse_null();
     struct ifreq ifr = make_request(ifname, false);
-    NET_RETURN_ON_FAILURE(one_request(SIOCGIFHWADDR, ifr), "Func_net_get_hwaddr socket error\n",
-                          "Func_net_get_hwaddr: ioctl SIOCGIFHWADDR\n");
+    if (failed(UTIL_HERE, one_request(SIOCGIFHWADDR, ifr),
+               {"Func_net_get_hwaddr socket error\n", "Func_net_get_hwaddr: ioctl SIOCGIFHWADDR\n"})) {
+        return -1;
+    }
     std::memcpy(mac, ifr.ifr_hwaddr.sa_data, 6);
     return 0;
 }
@@ -142,33 +151,39 @@ UTIL_S32 Func_net_get_hwaddr(UTIL_CHAR* ifname, UTIL_UCHAR* mac) noexcept {
 UTIL_S32 Func_net_get_flag(UTIL_CHAR* ifname) noexcept {
     if (ifname == nullptr) return refuse_null();
     struct ifreq ifr = make_request(ifname, false);
-    NET_RETURN_ON_FAILURE(one_request(SIOCGIFFLAGS, ifr), "Func_net_get_flag socket error\n",
-                          "Func_net_get_flag: ioctl SIOCGIFFLAGS\n");
+    if (failed(UTIL_HERE, one_request(SIOCGIFFLAGS, ifr),
+               {"Func_net_get_flag socket error\n", "Func_net_get_flag: ioctl SIOCGIFFLAGS\n"})) {
+        return -1;
+    }
     // The word is signed: with IFF_DYNAMIC (bit 15) set the result is negative.
     return static_cast<UTIL_S32>(ifr.ifr_flags);
 }
 
-// The setters' request: sa carrying addr. The address and the netmask share
+// The setters' request, carrying addr. The address and the netmask share
 // one place in the request.
 Fail set_address(const UTIL_CHAR* ifname, unsigned long request, in_addr_t addr) noexcept {
     static_assert(offsetof(struct ifreq, ifr_addr) == offsetof(struct ifreq, ifr_netmask));
     struct ifreq ifr = make_request(ifname, false);
-    sa.sin_addr.s_addr = addr;
-    std::memcpy(&ifr.ifr_addr, &sa, sizeof sa);
+    const struct sockaddr_in in = inet_address(addr);
+    std::memcpy(&ifr.ifr_addr, &in, sizeof in);
     return one_request(request, ifr);
 }
 
 UTIL_S32 Func_net_set_ifaddr(UTIL_CHAR* ifname, in_addr_t addr) noexcept {
     if (ifname == nullptr) return refuse_null();
-    NET_RETURN_ON_FAILURE(set_address(ifname, SIOCSIFADDR, addr), "Func_net_set_ifaddr socket error\n",
-                          "Func_net_set_ifaddr: ioctl SIOCSIFADDR\n");
+    if (failed(UTIL_HERE, set_address(ifname, SIOCSIFADDR, addr),
+               {"Func_net_set_ifaddr socket error\n", "Func_net_set_ifaddr: ioctl SIOCSIFADDR\n"})) {
+        return -1;
+    }
     return 0;
 }
 
 UTIL_S32 Func_net_set_netmask(UTIL_CHAR* ifname, in_addr_t addr) noexcept {
     if (ifname == nullptr) return refuse_null();
-    NET_RETURN_ON_FAILURE(set_address(ifname, SIOCSIFNETMASK, addr), "Func_net_set_netmask socket error\n",
-                          "Func_net_set_netmask: ioctl SIOCSIFNETMASK\n");
+    if (failed(UTIL_HERE, set_address(ifname, SIOCSIFNETMASK, addr),
+               {"Func_net_set_netmask socket error\n", "Func_net_set_netmask: ioctl SIOCSIFNETMASK\n"})) {
+        return -1;
+    }
     return 0;
 }
 
@@ -186,14 +201,20 @@ Fail change_flags(const UTIL_CHAR* ifname, UTIL_S16 set, UTIL_S16 clear) noexcep
 }
 
 UTIL_S32 net_set_flag(UTIL_CHAR* ifname, UTIL_S16 flag) noexcept {
-    NET_RETURN_ON_FAILURE(change_flags(ifname, flag, 0), "net_set_flag socket error\n",
-                          "net_set_flag: ioctl SIOCGIFFLAGS.\n", "net_set_flag: ioctl SIOCSIFFLAGS\n");
+    if (failed(UTIL_HERE, change_flags(ifname, flag, 0),
+               {"net_set_flag socket error\n", "net_set_flag: ioctl SIOCGIFFLAGS.\n",
+                "net_set_flag: ioctl SIOCSIFFLAGS\n"})) {
+        return -1;
+    }
     return 0;
 }
 
 UTIL_S32 net_clr_flag(UTIL_CHAR* ifname, UTIL_S16 flag) noexcept {
-    NET_RETURN_ON_FAILURE(change_flags(ifname, 0, flag), "net_clr_flag socket error\n",
-                          "net_clr_flag: ioctl SIOCGIFFLAGS.\n", "net_clr_flag: ioctl SIOCSIFFLAGS\n");
+    if (failed(UTIL_HERE, change_flags(ifname, 0, flag),
+               {"net_clr_flag socket error\n", "net_clr_flag: ioctl SIOCGIFFLAGS.\n",
+                "net_clr_flag: ioctl SIOCSIFFLAGS\n"})) {
+        return -1;
+    }
     return 0;
 }
 
@@ -243,11 +264,11 @@ UTIL_S32 net_search_gateway(UTIL_CHAR* buf, in_addr_t* gate_addr) noexcept {
 struct rtentry default_route_via(in_addr_t addr) noexcept {
     struct rtentry rt;
     std::memset(&rt, 0, sizeof rt);
-    struct sockaddr_in any = {AF_INET, 0, {0}, {0}};
+    const struct sockaddr_in any = inet_address(INADDR_ANY);
+    const struct sockaddr_in gateway = inet_address(addr);
     std::memcpy(&rt.rt_dst, &any, sizeof any);
     std::memcpy(&rt.rt_genmask, &any, sizeof any);
-    sa.sin_addr.s_addr = addr;
-    std::memcpy(&rt.rt_gateway, &sa, sizeof sa);
+    std::memcpy(&rt.rt_gateway, &gateway, sizeof gateway);
     rt.rt_flags = RTF_UP | RTF_GATEWAY;
     return rt;
 }
@@ -260,14 +281,18 @@ Fail route_request(unsigned long request, in_addr_t addr) noexcept {
 }
 
 UTIL_S32 net_add_gateway(in_addr_t addr) noexcept {
-    NET_RETURN_ON_FAILURE(route_request(SIOCADDRT, addr), "net_add_gateway socket error\n",
-                          "net_add_gateway: ioctl SIOCADDRT\n");
+    if (failed(UTIL_HERE, route_request(SIOCADDRT, addr),
+               {"net_add_gateway socket error\n", "net_add_gateway: ioctl SIOCADDRT\n"})) {
+        return -1;
+    }
     return 0;
 }
 
 UTIL_S32 net_del_gateway(in_addr_t addr) noexcept {
-    NET_RETURN_ON_FAILURE(route_request(SIOCDELRT, addr), "net_del_gateway socket error\n",
-                          "net_del_gateway: ioctl SIOCDELRT\n");
+    if (failed(UTIL_HERE, route_request(SIOCDELRT, addr),
+               {"net_del_gateway socket error\n", "net_del_gateway: ioctl SIOCDELRT\n"})) {
+        return -1;
+    }
     return 0;
 }
 
@@ -379,15 +404,19 @@ Fail rewrite_resolver(const UTIL_CHAR* first, const UTIL_CHAR* second) noexcept 
 
 UTIL_S32 Func_net_set_dns(UTIL_CHAR* dnsname) noexcept {
     if (dnsname == nullptr) return refuse_null();
-    NET_RETURN_ON_FAILURE(rewrite_resolver(dnsname, quillane::net::kFallbackNameServer),
-                          "Func_net_set_dns: name server text too long\n", "Func_net_set_dns fwrite\n");
+    if (failed(UTIL_HERE, rewrite_resolver(dnsname, quillane::net::kFallbackNameServer),
+               {"Func_net_set_dns: name server text too long\n", "Func_net_set_dns fwrite\n"})) {
+        return -1;
+    }
     return 0;
 }
 
 UTIL_S32 Func_net_set_dns_ex(UTIL_CHAR* domain_dns, UTIL_CHAR* wifi_dns) noexcept {
     if (domain_dns == nullptr || wifi_dns == nullptr) return refuse_null();
-    NET_RETURN_ON_FAILURE(rewrite_resolver(domain_dns, wifi_dns), "Func_net_set_dns_ex: name server text too long\n",
-                          "Func_net_set_dns_ex fwrite\n");
+    if (failed(UTIL_HERE, rewrite_resolver(domain_dns, wifi_dns),
+               {"Func_net_set_dns_ex: name server text too long\n", "Func_net_set_dns_ex fwrite\n"})) {
+        return -1;
+    }
     return 0;
 }
 

@@ -25,15 +25,20 @@ bool detail_marker_present() noexcept {
 
 // A class callback may register callbacks and flags and run classes, of its
 // own list too, but may not release or rebuild the list that is running it:
-// run_class still holds the class array. Such a call is refused with -1; a
-// macro, so that the message names the operation that refuses.
-#define REFUSE_WHILE_RUNNING(pclassList)                                       \
-    do {                                                                       \
-        if (quillane::reentry::covered(pclassList)) {                          \
-            UTIL_TRACE("error: pclassList is in use by a class callback!\n");  \
-            return -1;                                                         \
-        }                                                                      \
-    } while (0)
+// run_class still holds the class array. True when the operation at `where`
+// must refuse (with -1) for that reason; the trace names that operation.
+bool refused_while_running(quillane::Where where, const util_list_parameter_class_t* pclassList) noexcept {
+    if (!quillane::reentry::covered(pclassList)) return false;
+    UTIL_TRACE_AT(where, "error: pclassList is in use by a class callback!\n");
+    return true;
+}
+
+// Every allocation failure of a build says so twice: on the console and in
+// the trace, both in the name of the build.
+void report_no_memory(quillane::Where where) noexcept {
+    UTIL_DBG_ERR_AT(where, "error: malloc failed!!!!!");
+    UTIL_TRACE_AT(where, "error, malloc failed!!!\n");
+}
 
 // A class that claims parameters but has no array to copy them from cannot
 // be copied; the whole list is refused before anything is touched.
@@ -110,7 +115,7 @@ UTIL_S32 Func_parameter_base_exit_list_function(util_list_parameter_class_t* pcl
         UTIL_TRACE("error: pclassList is NULL!\n");
         return -1;
     }
-    REFUSE_WHILE_RUNNING(pclassList);
+    if (refused_while_running(UTIL_HERE, pclassList)) return -1;
     if (pclassList->pclass != nullptr) {
         for (UTIL_S32 i = 0; i < pclassList->classMax; ++i) {
             util_parameter_class_t& cls = pclassList->pclass[i];
@@ -126,13 +131,48 @@ UTIL_S32 Func_parameter_base_exit_list_function(util_list_parameter_class_t* pcl
     return 0;
 }
 
+// Copies one application class into its slot of a zeroed class array, with
+// the traces of the build at `where`. False when memory ran out: the slot may
+// then hold heap, but its mutex was never initialised.
+bool copy_class(quillane::Where where, util_parameter_class_t& cls, const util_parameter_class_t& src, UTIL_S32 i,
+                bool detail) noexcept {
+    cls.path = src.path;
+    const UTIL_S32 count = src.paraListMax;
+    // A negative count can only be a corrupt record: treat it as memory we
+    // cannot have. A class without parameters still gets its (empty) array,
+    // so that every class of a built list has one and the parameter
+    // operations accept it.
+    if (count >= 0) {
+        cls.paraList = static_cast<util_parameter_base_one_t*>(
+            quillane::mem_calloc(static_cast<std::size_t>(count), sizeof(util_parameter_base_one_t)));
+    }
+    if (cls.paraList == nullptr) return false;
+    cls.paraListMax = count;
+    UTIL_TRACE_AT(where, "malloc succeed, strlist num;%d\n", count);
+    for (UTIL_S32 j = 0; j < count; ++j) {
+        util_parameter_base_one_t& para = cls.paraList[j];
+        if (!copy_parameter(para, src.paraList[j])) return false;
+        if (detail) {
+            UTIL_TRACE_AT(where, "kiv: (%d,%d) name=%s, cur=%d, def=%d, min=%d, max=%d\n", i, j, para.name, para.cur,
+                          para.def, para.min, para.max);
+        }
+    }
+    cls.setFunc_callback = src.setFunc_callback;
+    cls.callback_flag = 0;
+    pthread_mutex_init(&cls.used_mutex, nullptr);
+    cls.bit_param = 0;
+    cls.ops_flag = UTIL_PARAMETER_OPS_FLAG_SET;
+    if (detail) UTIL_TRACE_AT(where, "kiv: i=%d, path=%s, max=%d\n", i, cls.path, cls.paraListMax);
+    return true;
+}
+
 UTIL_S32 Func_parameter_base_init_list_function(util_list_parameter_class_t* pclassList, util_parameter_class_t* ppc,
                                                 UTIL_S32 pcMax) noexcept {
     if (pclassList == nullptr || ppc == nullptr || pcMax < 1 || has_missing_parameters(ppc, pcMax)) {
         UTIL_TRACE("error: pclassList or ppc is NULL, max:%d!!!\n", pcMax);
         return -1;
     }
-    REFUSE_WHILE_RUNNING(pclassList);
+    if (refused_while_running(UTIL_HERE, pclassList)) return -1;
     if (pclassList->pclass != nullptr) {
         Func_parameter_base_exit_list_function(pclassList);
     }
@@ -141,56 +181,21 @@ UTIL_S32 Func_parameter_base_init_list_function(util_list_parameter_class_t* pcl
     auto* classes = static_cast<util_parameter_class_t*>(
         quillane::mem_calloc(static_cast<std::size_t>(pcMax), sizeof(util_parameter_class_t)));
     if (classes == nullptr) {
-        UTIL_DBG_ERR("error: malloc failed!!!!!");
-        UTIL_TRACE("error, malloc failed!!!\n");
+        report_no_memory(UTIL_HERE);
         pclassList->classMax = 0;
         return -1;
     }
     pclassList->pclass = classes;
     pclassList->classMax = pcMax;
     UTIL_TRACE("malloc succeed, pc num;%d\n", pcMax);
-
+    // The marker is looked at once a build: it switches the detail traces for
+    // the whole list, not for some of its classes.
+    const bool detail = detail_marker_present();
     for (UTIL_S32 i = 0; i < pcMax; ++i) {
-        const util_parameter_class_t& src = ppc[i];
-        util_parameter_class_t& cls = classes[i];
-        cls.path = src.path;
-        const UTIL_S32 count = src.paraListMax;
-        // A negative count can only be a corrupt record: treat it as memory we
-        // cannot have. A class without parameters still gets its (empty)
-        // array, so that every class of a built list has one and the
-        // parameter operations accept it.
-        if (count >= 0) {
-            cls.paraList = static_cast<util_parameter_base_one_t*>(
-                quillane::mem_calloc(static_cast<std::size_t>(count), sizeof(util_parameter_base_one_t)));
-        }
-        if (cls.paraList == nullptr) {
-            UTIL_DBG_ERR("error: malloc failed!!!!!");
-            UTIL_TRACE("error, malloc failed!!!\n");
+        if (!copy_class(UTIL_HERE, classes[i], ppc[i], i, detail)) {
+            report_no_memory(UTIL_HERE);
             release_failed_build(pclassList, i);
             return -1;
-        }
-        cls.paraListMax = count;
-        UTIL_TRACE("malloc succeed, strlist num;%d\n", count);
-        for (UTIL_S32 j = 0; j < count; ++j) {
-            util_parameter_base_one_t& para = cls.paraList[j];
-            if (!copy_parameter(para, src.paraList[j])) {
-                UTIL_DBG_ERR("error: malloc failed!!!!!");
-                UTIL_TRACE("error, malloc failed!!!\n");
-                release_failed_build(pclassList, i);
-                return -1;
-            }
-            if (detail_marker_present()) {
-                UTIL_TRACE("kiv: (%d,%d) name=%s, cur=%d, def=%d, min=%d, max=%d\n", i, j, para.name, para.cur,
-                           para.def, para.min, para.max);
-            }
-        }
-        cls.setFunc_callback = src.setFunc_callback;
-        cls.callback_flag = 0;
-        pthread_mutex_init(&cls.used_mutex, nullptr);
-        cls.bit_param = 0;
-        cls.ops_flag = UTIL_PARAMETER_OPS_FLAG_SET;
-        if (detail_marker_present()) {
-            UTIL_TRACE("kiv: i=%d, path=%s, max=%d\n", i, cls.path, cls.paraListMax);
         }
     }
     UTIL_TRACE("size;%d, %d\n", static_cast<int>(sizeof(util_parameter_class_t)),
@@ -243,29 +248,30 @@ Check check_base(const util_list_parameter_class_t* list, UTIL_S32 classIndex, U
     return {};
 }
 
-// Traces a refusal and returns -1 from within the operation itself, so that
-// the message names that operation.
-#define REFUSE_ON_FAILED_CHECK(c, classIndex, baseIndex)                                          \
-    switch ((c).why) {                                                                            \
-        case Refusal::list_null:                                                                  \
-            UTIL_TRACE("error: pclassList is NULL!\n");                                          \
-            break;                                                                                \
-        case Refusal::class_range:                                                                \
-            UTIL_TRACE("error; classIndex=%d, outRange[-1, %d)!!!\n", (classIndex), (c).limit);  \
-            break;                                                                                \
-        case Refusal::pclass_null:                                                                \
-            UTIL_TRACE("error: pclass is NULL!!!\n");                                            \
-            break;                                                                                \
-        case Refusal::base_range:                                                                 \
-            UTIL_TRACE("error; baseIndex=%d, outRange[-1, %d)!!!\n", (baseIndex), (c).limit);    \
-            break;                                                                                \
-        case Refusal::paralist_null:                                                              \
-            UTIL_TRACE("error: pclass[%d]->paraList is NULL!!!\n", (c).cls);                     \
-            break;                                                                                \
-        case Refusal::none:                                                                       \
-            break;                                                                                \
-    }                                                                                             \
-    if ((c).why != Refusal::none) return -1;
+// True when the check failed: the operation at `where` then refuses with -1,
+// after this has traced why in that operation's name.
+bool refused(quillane::Where where, const Check& c, UTIL_S32 classIndex, UTIL_S32 baseIndex) noexcept {
+    switch (c.why) {
+        case Refusal::list_null:
+            UTIL_TRACE_AT(where, "error: pclassList is NULL!\n");
+            break;
+        case Refusal::class_range:
+            UTIL_TRACE_AT(where, "error; classIndex=%d, outRange[-1, %d)!!!\n", classIndex, c.limit);
+            break;
+        case Refusal::pclass_null:
+            UTIL_TRACE_AT(where, "error: pclass is NULL!!!\n");
+            break;
+        case Refusal::base_range:
+            UTIL_TRACE_AT(where, "error; baseIndex=%d, outRange[-1, %d)!!!\n", baseIndex, c.limit);
+            break;
+        case Refusal::paralist_null:
+            UTIL_TRACE_AT(where, "error: pclass[%d]->paraList is NULL!!!\n", c.cls);
+            break;
+        case Refusal::none:
+            return false;
+    }
+    return true;
+}
 
 // Calls f on every class the index designates.
 template <typename F>
@@ -285,8 +291,7 @@ void each_parameter(util_list_parameter_class_t* list, UTIL_S32 classIndex, UTIL
 
 UTIL_S32 Func_parameter_base_run_class_function(util_list_parameter_class_t* pclassList, UTIL_S32 classIndex,
                                                 void** content) noexcept {
-    const Check c = check_class(pclassList, classIndex);
-    REFUSE_ON_FAILED_CHECK(c, classIndex, 0)
+    if (refused(UTIL_HERE, check_class(pclassList, classIndex), classIndex, 0)) return -1;
     UTIL_S32 result = 0;
     const quillane::reentry::Scope busy(pclassList);
     const Span span = classes_of(pclassList, classIndex);
@@ -306,8 +311,7 @@ UTIL_S32 Func_parameter_base_run_class_function(util_list_parameter_class_t* pcl
 
 UTIL_S32 Func_parameter_base_register_base_function(util_list_parameter_class_t* pclassList, UTIL_S32 classIndex,
                                                     UTIL_S32 baseIndex, util_parameter_base_fun_t fun) noexcept {
-    const Check c = check_base(pclassList, classIndex, baseIndex);
-    REFUSE_ON_FAILED_CHECK(c, classIndex, baseIndex)
+    if (refused(UTIL_HERE, check_base(pclassList, classIndex, baseIndex), classIndex, baseIndex)) return -1;
     each_parameter(pclassList, classIndex, baseIndex,
                    [&](util_parameter_base_one_t& para) { Func_parameter_base_set_base_function(&para, fun); });
     return 0;
@@ -331,8 +335,7 @@ void move_flag(UTIL_U32& record, UTIL_U32* word, const UTIL_BOOL& isSetFlag) noe
 
 UTIL_S32 Func_parameter_base_register_base_flag(util_list_parameter_class_t* pclassList, UTIL_S32 classIndex,
                                                 UTIL_S32 baseIndex, UTIL_U32* baseFlag, UTIL_BOOL isSetFlag) noexcept {
-    const Check c = check_base(pclassList, classIndex, baseIndex);
-    REFUSE_ON_FAILED_CHECK(c, classIndex, baseIndex)
+    if (refused(UTIL_HERE, check_base(pclassList, classIndex, baseIndex), classIndex, baseIndex)) return -1;
     each_parameter(pclassList, classIndex, baseIndex,
                    [&](util_parameter_base_one_t& para) { move_flag(para.callback_flag, baseFlag, isSetFlag); });
     return 0;
@@ -340,8 +343,7 @@ UTIL_S32 Func_parameter_base_register_base_flag(util_list_parameter_class_t* pcl
 
 UTIL_S32 Func_parameter_base_register_class_function(util_list_parameter_class_t* pclassList, UTIL_S32 classIndex,
                                                      util_parameter_class_fun_t fun) noexcept {
-    const Check c = check_class(pclassList, classIndex);
-    REFUSE_ON_FAILED_CHECK(c, classIndex, 0)
+    if (refused(UTIL_HERE, check_class(pclassList, classIndex), classIndex, 0)) return -1;
     each_class(pclassList, classIndex,
                [&](util_parameter_class_t& cls) { Func_parameter_base_set_class_function(&cls, fun); });
     return 0;
@@ -349,15 +351,11 @@ UTIL_S32 Func_parameter_base_register_class_function(util_list_parameter_class_t
 
 UTIL_S32 Func_parameter_base_register_class_flag(util_list_parameter_class_t* pclassList, UTIL_S32 classIndex,
                                                  UTIL_U32* classFlag, UTIL_BOOL isSetFlag) noexcept {
-    const Check c = check_class(pclassList, classIndex);
-    REFUSE_ON_FAILED_CHECK(c, classIndex, 0)
+    if (refused(UTIL_HERE, check_class(pclassList, classIndex), classIndex, 0)) return -1;
     each_class(pclassList, classIndex,
                [&](util_parameter_class_t& cls) { move_flag(cls.callback_flag, classFlag, isSetFlag); });
     return 0;
 }
-
-#undef REFUSE_ON_FAILED_CHECK
-#undef REFUSE_WHILE_RUNNING
 
 }  // namespace
 

@@ -1,17 +1,23 @@
 #!/bin/sh
 # Real encoder output, stamped by quillane-tcstamp and by the quillanetcstamp
-# element, then read back by two readers that share no code with us:
-# FFmpeg's decoder (ffprobe, frames in presentation order) and GStreamer's
-# parser and decoder (gst_meta_reader). One row per kind of stream; each row
-# either stamps, and then both readers must see one label per stamped
-# picture, consecutive in presentation order from the start label, the
-# stream must decode as cleanly as before, and a second stamping must give
-# the same bytes; or it is refused with the row's message, exit status 1 and
-# no output file.
+# element (filesrc ! h26Xparse ! quillanetcstamp ! filesink), then read back
+# by readers that share no code with us: FFmpeg's decoder (ffprobe, frames in
+# presentation order), GStreamer's parser and decoder (gst_meta_reader) and
+# GStreamer's codec parsers (gst_timecode_reader, in stream order, with the
+# drop-frame flags). One row per kind of stream; each row either stamps, and
+# then every reader must see one label per stamped picture, consecutive in
+# presentation order from the start label, the stream must decode as cleanly
+# as before and hold nothing new but time codes, and a second stamping must
+# give the same bytes; or it is refused with the row's message, exit status 1
+# and no output file. The element must also run without a warning, and ignore
+# the drift check (with one warning) on a pipeline that is not live.
 #
 #   stamp_matrix.sh TCSTAMP GST_META_READER [GST_PLUGIN_DIR]
+#
+# gst_timecode_reader is built beside gst_meta_reader.
 set -u
 tcstamp=$1 reader=$2 plugin_dir=${3:-}
+codec_reader=$(dirname "$reader")/gst_timecode_reader
 work=$(mktemp -d "${TMPDIR:-/tmp}/quillane-matrix.XXXXXX") || exit 1
 trap 'rm -rf "$work"' EXIT
 cd "$work" || exit 1
@@ -41,23 +47,28 @@ encode() {
         -f $format "$file" || fail "ffmpeg could not encode"
 }
 
-# The labels drop-frame or plain counting gives from START, N of them.
+# The labels drop-frame or plain counting gives from START, N of them, each
+# with cnt_dropped_flag: set on the label that follows skipped counts.
 labels() {
     awk -v start="$1" -v n="$2" -v fps="$3" 'BEGIN {
-        split(start, t, /[:;]/); h = t[1] + 0; m = t[2] + 0; s = t[3] + 0; f = t[4] + 0
+        split(start, t, /[:;]/); h = t[1] + 0; m = t[2] + 0; s = t[3] + 0; f = t[4] + 0; d = 0
         whole = int((fps + 50) / 100); drop = fps == 2997 ? 2 : fps == 5994 ? 4 : 0
         for (i = 0; i < n; i++) {
-            printf "%02d:%02d:%02d:%02d\n", h, m, s, f
+            printf "%02d:%02d:%02d:%02d %d\n", h, m, s, f, d
+            d = 0
             if (++f == whole) { f = 0; if (++s == 60) { s = 0; if (++m == 60) { m = 0; h = (h + 1) % 24 } } }
-            if (f == 0 && s == 0 && m % 10 != 0) f = drop
+            if (f == 0 && s == 0 && m % 10 != 0 && drop) { f = drop; d = 1 }
         }
     }'
 }
+name=reference
+[ "$(labels '00:00:59;28' 3 2997 | tail -n 1)" = '00:01:00:02 1' ] || fail "drop-frame counting skips no counts at the minute"
 
-# check OUT CODEC START FPS STAMPED IN: what both readers read of OUT.
+# check OUT CODEC START FPS STAMPED IN: what the readers read of OUT.
 check() {
     out=$1 codec=$2 start=$3 fps=$4 stamped=$5 in=$6
-    labels "$start" "$stamped" "$fps" >expected.txt
+    labels "$start" "$stamped" "$fps" >expected_flags.txt
+    cut -d' ' -f1 expected_flags.txt >expected.txt
     ffprobe -v error -show_entries frame_tags=timecode -of flat "$out" |
         sed -n 's/^frames\.frame\.[0-9]*\.tags\.timecode="\(.*\)"$/\1/p' | tr ';' ':' >ffprobe.txt
     cmp -s expected.txt ffprobe.txt || { fail "$out: FFmpeg reads other labels (< expected, > ffprobe):"; diff expected.txt ffprobe.txt | head -n 8 >&2; }
@@ -67,6 +78,24 @@ check() {
     cmp -s ffprobe.txt verify_labels.txt || { fail "$out: --verify reads other labels than FFmpeg (< ffprobe, > verify):"; diff ffprobe.txt verify_labels.txt | head -n 8 >&2; }
     "$reader" "$codec" "$out" 2>gst.err | grep -v '^none$' | cut -d' ' -f1 | tr ';,.' ':::' >gst.txt
     cmp -s expected.txt gst.txt || { fail "$out: GStreamer reads other labels (< expected, > GStreamer):"; diff expected.txt gst.txt | head -n 8 >&2; }
+    # The codec parsers read the flags too: counting_type 4 is drop-frame
+    # counting. They cannot size the time codes of a cut stream that come
+    # before its first parameter sets.
+    if [ -z "${CUT:-}" ]; then
+        counting=1
+        [ "$fps" = 2997 ] || [ "$fps" = 5994 ] && counting=4
+        awk -v c=$counting '{ print $1, $2, c }' expected_flags.txt | sort >expected_units.txt
+        "$codec_reader" "$codec" "$out" 2>units.err | grep -v '^absent$' | sort >units.txt
+        [ -s units.err ] && fail "$out: GStreamer's codec parser rejected a unit: $(head -n 3 units.err)"
+        cmp -s expected_units.txt units.txt || { fail "$out: the codec parsers read other time codes (< expected 'label cnt_dropped_flag counting_type', > GStreamer):"; diff expected_units.txt units.txt | head -n 8 >&2; }
+    fi
+    # Without SEI units and access unit delimiters (a parser may add those),
+    # output and input are the same bytes: no unit dropped, reordered or altered.
+    units=6\|9 format=h264
+    [ "$codec" = h265 ] && units=35\|39\|40 format=hevc
+    ffmpeg -nostdin -v error -i "$in" -c copy -bsf:v "filter_units=remove_types=$units" -f $format -y bare_in.bin
+    ffmpeg -nostdin -v error -i "$out" -c copy -bsf:v "filter_units=remove_types=$units" -f $format -y bare_out.bin
+    cmp -s bare_in.bin bare_out.bin || fail "$out: holds more than the input and its time codes"
     # Stamping adds no decoding error (a cut stream has its own).
     ffmpeg -nostdin -v error -i "$in" -f null - 2>&1 | wc -l >errors_in.txt
     ffmpeg -nostdin -v error -i "$out" -f null - 2>&1 | wc -l >errors_out.txt
@@ -101,12 +130,23 @@ row() {
     # The parser in front of the element treats the undecodable start of a
     # cut stream its own way, so that row is the tool's alone.
     if [ $element = yes ] && [ -z "${CUT:-}" ]; then
-        parser=${codec}parse
-        GST_PLUGIN_PATH=$plugin_dir gst-launch-1.0 -q filesrc location="$in" ! $parser ! \
-            quillanetcstamp source=start start-time-code="$start" ! filesink location=element.$codec >launch.txt 2>&1 ||
-            { fail "the element failed: $(head -n 5 launch.txt)"; return; }
+        element element.$codec || { fail "the element failed: $(head -n 5 launch.txt)"; return; }
+        ! grep -Eq 'WARNING|ERROR|CRITICAL' launch.txt || fail "the element's pipeline reported: $(grep -E -m 3 'WARNING|ERROR|CRITICAL' launch.txt)"
         check element.$codec "$codec" "$start" "$fps" "$stamped" "$in"
+        # The drift check wants a live clock: here it is ignored, once, and changes nothing.
+        element drift.$codec drift-check=true frames-before-first-check=10
+        [ "$(grep -c 'drift-check is ignored: the pipeline is not live' launch.txt)" = 1 ] && cmp -s element.$codec drift.$codec ||
+            fail "drift-check on a non-live pipeline was not ignored with one warning: $(head -n 6 launch.txt)"
     fi
+}
+
+# element OUT PROPERTIES...: the element's stamping of $in, with its trace
+# file on. Not quiet: gst-launch-1.0 -q prints no warnings.
+element() {
+    out=$1
+    shift
+    GST_PLUGIN_PATH=$plugin_dir gst-launch-1.0 filesrc location="$in" ! ${codec}parse ! quillanetcstamp source=start \
+        start-time-code="$start" trace-file="$work/trace.log" "$@" ! filesink location="$out" >launch.txt 2>&1
 }
 
 x264() { echo -c:v libx264 "$@"; }
