@@ -90,6 +90,7 @@ enum class Put : UTIL_S32 { done = 0, nothing = 1, zero_slots = -1 };
 
 template <class C, class Slots>
 struct Array {
+    using Container = C;
     using Node = typename Slots::Node;
     using Data = DataOf<Node>;
 
@@ -223,105 +224,106 @@ struct Array {
     }
 };
 
+// The named operations of an array module, less those of Shell.
+template <class Ops, const Names& N>
+struct ArrayShell : Shell<Ops, N> {
+    using Base = Shell<Ops, N>;
+    using typename Base::C, typename Base::Data, typename Base::Node;
+    using Base::busy, Base::missing;
+
+    static C* create(Where at, C* tmpl) noexcept {
+        if (Base::missing_template(at, tmpl, "arrayList")) return nullptr;
+        Made how = Made::ok;
+        C* created = Ops::create(*tmpl, &how);
+        if (how == Made::no_record) {
+            UTIL_DBG_ERR_AT(at, "error: malloc p%s fail!\n", N.kind);
+        } else if (how == Made::zero_slots) {
+            UTIL_DBG_ERR_AT(at, "error: malloc array p%s nodeMax:%d fail!\n", N.kind, static_cast<int>(tmpl->nodeMax));
+        } else if (how == Made::no_slots) {
+            UTIL_DBG_ERR_AT(at, "error: malloc array p%s pnode fail!\n", N.kind);
+        }
+        return created;
+    }
+
+    static UTIL_BOOL is_full(Where at, C* c) noexcept {
+        if (missing(at, c)) return UTIL_FALSE;
+        return Ops::is_full(c) ? UTIL_TRUE : UTIL_FALSE;
+    }
+
+    static UTIL_S32 insert(Where at, C* c, Data* pdata) noexcept {
+        if (missing(at, c) || busy(at, c)) return -1;
+        const Put put = Ops::insert(c, pdata);
+        if (put == Put::zero_slots) {
+            UTIL_DBG_ERR_AT(at, "error: %s nodeMax:%d <=0!\n", N.module, static_cast<int>(c->nodeMax));
+        }
+        return static_cast<UTIL_S32>(put);
+    }
+
+    static UTIL_S32 transfer(Where at, C* out, C* in) noexcept {
+        if (Base::unfit_pair(at, out, in)) return -1;
+        const Put put = Ops::transfer(out, in);
+        if (put == Put::zero_slots) {
+            UTIL_DBG_ERR_AT(at, "error: %s, %s nodeMax:%d <=0!\n", N.module, N.in, static_cast<int>(in->nodeMax));
+        }
+        return static_cast<UTIL_S32>(put);
+    }
+
+    // An empty container is searched without a word.
+    static UTIL_S32 search(Where at, C* c, Data* key) noexcept { return missing(at, c) ? -1 : Ops::search(c, key); }
+
+    static UTIL_S32 display(Where at, C* c) noexcept {
+        if (missing(at, c)) return -1;
+        Ops::display(c);
+        return 0;
+    }
+
+    static UTIL_S32 modify(Where at, C* c, UTIL_S32 position, Data* pdata) noexcept {
+        if (missing(at, c)) return -1;
+        if (Ops::is_empty(c)) return 1;
+        Node* slot = Ops::slot_at(c, position);
+        if (slot != nullptr) return container::modify(c, slot, pdata);
+        bad_position(at, "", c, position);
+        return -1;
+    }
+
+    static Data* get_node_data(Where at, C* c, UTIL_S32 position) noexcept {
+        if (missing(at, c) || Ops::is_empty(c)) return nullptr;
+        const Node* slot = Ops::slot_at(c, position);
+        if (slot != nullptr) return slot->data;
+        bad_position(at, "outRange, ", c, position);
+        return nullptr;
+    }
+
+    template <class List, class Exit>
+    static UTIL_S32 init_list(Where at, List* list, C* elems, UTIL_S32 n, Exit own_exit) noexcept {
+        return Base::init_list(at, list, elems, n, own_exit,
+                               [at](C* entry, const C& tmpl, UTIL_S32 i) { equip(at, entry, tmpl, i); });
+    }
+
+private:
+    // The message names where the elements are, as the discipline keeps them.
+    static void bad_position(Where at, const char* what, const C* c, UTIL_S32 position) noexcept {
+        if constexpr (requires { c->head; }) {
+            UTIL_DBG_ERR_AT(at, "error: %s%s head=%d, tail=%d, position=%d!\n", what, N.kind,
+                            static_cast<int>(c->head), static_cast<int>(c->tail), position);
+        } else {
+            UTIL_DBG_ERR_AT(at, "error: %s%s top=%d, position=%d!\n", what, N.kind, static_cast<int>(c->top), position);
+        }
+    }
+
+    // An entry of a new list that gets no slots is reported on the console
+    // and in the trace, and the next entry follows.
+    static void equip(Where at, C* entry, const C& tmpl, UTIL_S32 i) noexcept {
+        const Made how = Ops::equip(entry, tmpl);
+        const int wanted = static_cast<int>(tmpl.nodeMax);
+        if (how == Made::zero_slots) {
+            UTIL_DBG_ERR_AT(at, "error: malloc array %s[%d].nodeMax:%d fail!\n", N.elems, i, wanted);
+            UTIL_TRACE_AT(at, "error: malloc array %s[%d].nodeMax:%d fail!\n\n", N.elems, i, wanted);
+        } else if (how == Made::no_slots) {
+            UTIL_DBG_ERR_AT(at, "error: malloc array %s->%s[i].pnode fail!\n", N.list, N.array);
+            UTIL_TRACE_AT(at, "error: malloc array %s->%s[i].pnode fail!\n\n", N.list, N.array);
+        }
+    }
+};
+
 }  // namespace quillane::container
-
-// How the position messages describe where the elements are.
-#define QUILLANE_WHERE_FMT_RingSlots "head=%d, tail=%d"
-#define QUILLANE_WHERE_RingSlots(p) static_cast<int>((p)->head), static_cast<int>((p)->tail)
-#define QUILLANE_WHERE_FMT_StackSlots "top=%d"
-#define QUILLANE_WHERE_StackSlots(p) static_cast<int>((p)->top)
-
-// Readies entry i of a new array; an entry that gets no slots is reported on
-// the console and in the trace, and the next entry follows.
-#define QUILLANE_ARRAY_EQUIP(ELEMS, LIST, ARRAY, i)                                          \
-    do {                                                                                     \
-        const Made how = Ops::equip(&array[i], ELEMS[i]);                                    \
-        const int wanted = static_cast<int>(ELEMS[i].nodeMax);                               \
-        if (how == Made::zero_slots) {                                                       \
-            UTIL_DBG_ERR("error: malloc array " #ELEMS "[%d].nodeMax:%d fail!\n", i, wanted);  \
-            UTIL_TRACE("error: malloc array " #ELEMS "[%d].nodeMax:%d fail!\n\n", i, wanted); \
-        } else if (how == Made::no_slots) {                                                  \
-            UTIL_DBG_ERR("error: malloc array " #LIST "->" #ARRAY "[i].pnode fail!\n");      \
-            UTIL_TRACE("error: malloc array " #LIST "->" #ARRAY "[i].pnode fail!\n\n");      \
-        }                                                                                    \
-    } while (0)
-
-// Expands to the named operations and the table of one array container
-// module: NAME is the module (queue_high_arrayList), KIND its element word
-// (queue), SLOTS its discipline, OUT and IN the names the transfer messages
-// give its two containers, NUM the word of the allocation trace, and the
-// rest as for the common operations.
-#define QUILLANE_ARRAY_CONTAINER(NAME, KIND, SLOTS, OUT, IN, LIST, ELEMS, ARRAY, MAX, NUM)                        \
-    namespace {                                                                                                   \
-    QUILLANE_CONTAINER_TYPES(NAME, Array, SLOTS);                                                                 \
-    using ::quillane::container::Made;                                                                            \
-    using ::quillane::container::Put;                                                                             \
-                                                                                                                  \
-    Container* Func_##NAME##_create(Container* pdefault) noexcept {                                               \
-        QUILLANE_CONTAINER_REQUIRE_TEMPLATE("arrayList", KIND, pdefault);                                         \
-        Made how = Made::ok;                                                                                      \
-        Container* created = Ops::create(*pdefault, &how);                                                        \
-        if (how == Made::no_record) {                                                                             \
-            UTIL_DBG_ERR("error: malloc p" #KIND " fail!\n");                                                     \
-        } else if (how == Made::zero_slots) {                                                                     \
-            UTIL_DBG_ERR("error: malloc array p" #KIND " nodeMax:%d fail!\n",                                   \
-                         static_cast<int>(pdefault->nodeMax));                                                    \
-        } else if (how == Made::no_slots) {                                                                       \
-            UTIL_DBG_ERR("error: malloc array p" #KIND " pnode fail!\n");                                         \
-        }                                                                                                         \
-        return created;                                                                                           \
-    }                                                                                                             \
-    QUILLANE_CONTAINER_SIMPLE(NAME, UTIL_BOOL, isFull, UTIL_FALSE,                                                \
-                              QUILLANE_CONTAINER_BOOL(Ops::is_full(pcontainer)))                                  \
-    QUILLANE_CONTAINER_SIMPLE(NAME, UTIL_S32, display, -1, (Ops::display(pcontainer), 0))                         \
-    UTIL_S32 Func_##NAME##_insert(Container* pcontainer, Ops::Data* pdata) noexcept {                             \
-        QUILLANE_CONTAINER_REQUIRE(NAME, pcontainer, -1);                                                         \
-        QUILLANE_CONTAINER_REQUIRE_IDLE(NAME, pcontainer);                                                        \
-        const Put put = Ops::insert(pcontainer, pdata);                                                           \
-        if (put == Put::zero_slots) {                                                                             \
-            UTIL_DBG_ERR("error: " #NAME " nodeMax:%d <=0!\n", static_cast<int>(pcontainer->nodeMax));            \
-        }                                                                                                         \
-        return static_cast<UTIL_S32>(put);                                                                        \
-    }                                                                                                             \
-    UTIL_S32 Func_##NAME##_transfer(Container* pout, Container* pin) noexcept {                                   \
-        QUILLANE_CONTAINER_REQUIRE_PAIR(NAME, OUT, IN, pout, pin);                                                \
-        QUILLANE_CONTAINER_REQUIRE_IDLE(NAME, pout);                                                              \
-        QUILLANE_CONTAINER_REQUIRE_IDLE(NAME, pin);                                                               \
-        const Put put = Ops::transfer(pout, pin);                                                                 \
-        if (put == Put::zero_slots) {                                                                             \
-            UTIL_DBG_ERR("error: " #NAME ", " IN " nodeMax:%d <=0!\n", static_cast<int>(pin->nodeMax));           \
-        }                                                                                                         \
-        return static_cast<UTIL_S32>(put);                                                                        \
-    }                                                                                                             \
-    /* An empty container is searched without a word. */                                                         \
-    UTIL_S32 Func_##NAME##_search(Container* pcontainer, Ops::Data* pdata) noexcept {                             \
-        QUILLANE_CONTAINER_REQUIRE(NAME, pcontainer, -1);                                                         \
-        return Ops::search(pcontainer, pdata);                                                                    \
-    }                                                                                                             \
-    UTIL_S32 Func_##NAME##_modify(Container* pcontainer, UTIL_S32 position, Ops::Data* pdata) noexcept {          \
-        QUILLANE_CONTAINER_REQUIRE(NAME, pcontainer, -1);                                                         \
-        if (Ops::is_empty(pcontainer)) return 1;                                                                  \
-        Node* slot = Ops::slot_at(pcontainer, position);                                                          \
-        if (slot != nullptr) return ::quillane::container::modify(pcontainer, slot, pdata);                  \
-        UTIL_DBG_ERR("error: " #KIND " " QUILLANE_WHERE_FMT_##SLOTS ", position=%d!\n",                           \
-                     QUILLANE_WHERE_##SLOTS(pcontainer), position);                                               \
-        return -1;                                                                                                \
-    }                                                                                                             \
-    Ops::Data* Func_##NAME##_getNodeData(Container* pcontainer, UTIL_S32 position) noexcept {                     \
-        QUILLANE_CONTAINER_REQUIRE(NAME, pcontainer, nullptr);                                                    \
-        if (Ops::is_empty(pcontainer)) return nullptr;                                                            \
-        const Node* slot = Ops::slot_at(pcontainer, position);                                                    \
-        if (slot == nullptr) {                                                                                    \
-            UTIL_DBG_ERR("error: outRange, " #KIND " " QUILLANE_WHERE_FMT_##SLOTS ", position=%d!\n",             \
-                         QUILLANE_WHERE_##SLOTS(pcontainer), position);                                           \
-        }                                                                                                         \
-        return slot != nullptr ? slot->data : nullptr;                                                            \
-    }                                                                                                             \
-    QUILLANE_CONTAINER_COMMON_OPERATIONS(NAME, LIST, ELEMS, ARRAY, MAX, NUM, QUILLANE_ARRAY_EQUIP)                \
-    }                                                                                                             \
-    util_ops_##NAME##_fun_t util_ops_##NAME##_fun = {                                                             \
-        Func_##NAME##_create,   Func_##NAME##_isEmpty,  Func_##NAME##_isFull,      Func_##NAME##_insert,          \
-        Func_##NAME##_remove,   Func_##NAME##_search,   Func_##NAME##_modify,      Func_##NAME##_transfer,        \
-        Func_##NAME##_clear,    Func_##NAME##_display,  Func_##NAME##_destroy,     Func_##NAME##_getSize,         \
-        Func_##NAME##_getCount, Func_##NAME##_getNodeData, Func_##NAME##_init_list, Func_##NAME##_exit_list,      \
-    };

@@ -2,14 +2,15 @@
 // callback contract, counts that cannot overflow, and the operations whose
 // C-ABI shell is the same for every form.
 //
-// Why the shells are macros: every message names the operation that prints it
-// and that operation's source file (__func__, UTIL_SRC_FILE), and only code
-// expanded inside the named operation itself can supply them. So the
-// algorithms are plain templates (util_container_linked.h,
-// util_container_array.h) that return what happened, and each module's source
-// expands the macros below once, with its own names and texts, to get its
-// named operations and its table. The line in every message is the line of
-// that expansion.
+// Every message names the operation the user called and that operation's
+// source file, and only the named operation itself knows both (__func__,
+// UTIL_SRC_FILE). So each module's source defines its operations by name,
+// each a one-statement function that hands UTIL_HERE to the shell template
+// of its form (Shell below, LinkedShell, ArrayShell); the shell checks the
+// arguments, runs the form's algorithm (Linked, Array), which returns what
+// happened, and reports it at that place. The words that differ between
+// modules' messages come in as a Names object. The line in every message is
+// the line of the named operation.
 #pragma once
 
 #include <cstdint>
@@ -87,133 +88,130 @@ auto transfer_callback(const Fun& out, const Fun& in) noexcept {
     return out.transferNodeData_callback != nullptr ? out.transferNodeData_callback : in.transferNodeData_callback;
 }
 
+// The words a module's messages use besides its operations' names.
+struct Names {
+    const char* module;  // queue_high_arrayList, the name of a container that is NULL
+    const char* kind;    // queue or stack
+    const char* out;     // transfer's two containers: queueOut, queueIn
+    const char* in;
+    const char* list;  // init_list's parameters: pqaList, pqa
+    const char* elems;
+    const char* array;  // the list record's array field: pqhal
+    const char* num;    // the word of the allocation trace: ql
+};
+
+// The checks and operations whose shell both forms share. `at` is the named
+// operation the user called; every message is written there.
+template <class Ops, const Names& N>
+struct Shell {
+    using C = typename Ops::Container;
+    using Data = typename Ops::Data;
+    using Node = typename Ops::Node;
+
+    // A null container is reported and refused.
+    static bool missing(Where at, const C* c) noexcept {
+        if (c != nullptr) return false;
+        UTIL_DBG_ERR_AT(at, "error: %s is NULL!\n", N.module);
+        return true;
+    }
+
+    // create refuses a null template; `form` is linkedList or arrayList.
+    static bool missing_template(Where at, const C* tmpl, const char* form) noexcept {
+        if (tmpl != nullptr) return false;
+        UTIL_DBG_ERR_AT(at, "error: default %s %s is NULL!\n", form, N.kind);
+        return true;
+    }
+
+    // An operation that would add, take out, move or free elements refuses
+    // the bytes of a container whose callback is running on this thread.
+    static bool busy(Where at, const void* p, std::size_t size = sizeof(C)) noexcept {
+        if (!reentry::covered(p, size)) return false;
+        UTIL_DBG_ERR_AT(at, "error: %s is in use by a callback!\n", N.module);
+        return true;
+    }
+
+    // transfer refuses a null source or destination, and either in use.
+    static bool unfit_pair(Where at, const C* out, const C* in) noexcept {
+        if (out == nullptr || in == nullptr) {
+            UTIL_DBG_ERR_AT(at, "error: %s, %s or %s is NULL!\n", N.module, N.out, N.in);
+            return true;
+        }
+        return busy(at, out) || busy(at, in);
+    }
+
+    // The same for a list record, {array, its number of containers}: none
+    // of its containers may be in use.
+    template <class List>
+    static bool busy_list(Where at, const List* list) noexcept {
+        const auto& [array, max] = *list;
+        return array != nullptr && busy(at, array, array_bytes<C>(max));
+    }
+
+    static UTIL_BOOL is_empty(Where at, C* c) noexcept {
+        if (missing(at, c)) return UTIL_FALSE;
+        return Ops::is_empty(c) ? UTIL_TRUE : UTIL_FALSE;
+    }
+
+    static UTIL_S32 remove(Where at, C* c) noexcept { return missing(at, c) || busy(at, c) ? -1 : Ops::remove(c); }
+
+    static UTIL_S32 clear(Where at, C* c) noexcept {
+        if (missing(at, c) || busy(at, c)) return -1;
+        Ops::clear(c);
+        return 0;
+    }
+
+    static UTIL_S32 get_size(Where at, C* c) noexcept { return missing(at, c) ? -1 : Ops::size(c); }
+    static UTIL_S32 get_count(Where at, C* c) noexcept { return missing(at, c) ? -1 : Ops::count_field(c); }
+
+    // Meant for a container from create; one of an array ends with exit_list.
+    static UTIL_S32 destroy(Where at, C** pc) noexcept {
+        if (pc == nullptr || *pc == nullptr) return 0;
+        if (busy(at, *pc)) return -1;
+        Ops::destroy(*pc);
+        *pc = nullptr;
+        return 0;
+    }
+
+    template <class List>
+    static UTIL_S32 exit_list(Where at, List* list) noexcept {
+        if (list == nullptr) {
+            UTIL_TRACE_AT(at, "error: %s is NULL!\n", N.list);
+            return -1;
+        }
+        if (busy_list(at, list)) return -1;
+        auto& [array, max] = *list;
+        if (array != nullptr) {
+            Ops::release_list(array, max);
+            array = nullptr;
+        }
+        UTIL_TRACE_AT(at, "free succeed, num;%d\n", max);
+        max = 0;
+        return 0;
+    }
+
+    // A live array is emptied by the module's own exit_list, which speaks
+    // for itself; `equip(entry, tmpl, i)` readies entry i from elems[i].
+    template <class List, class Exit, class Equip>
+    static UTIL_S32 init_list(Where at, List* list, C* elems, UTIL_S32 n, Exit own_exit, Equip equip) noexcept {
+        if (list == nullptr || elems == nullptr || n <= 0) {
+            UTIL_TRACE_AT(at, "error: %s or %s is NULL, max:%d!!!\n", N.list, N.elems, n);
+            return -1;
+        }
+        if (busy_list(at, list)) return -1;
+        auto& [array, max] = *list;
+        if (array != nullptr) own_exit(list);
+        C* fresh = allocate_array<C>(n);
+        if (fresh == nullptr) {
+            UTIL_DBG_ERR_AT(at, "error: malloc failed!!!!!");
+            UTIL_TRACE_AT(at, "error, malloc failed!!!\n");
+            return -1;
+        }
+        array = fresh;
+        max = n;
+        UTIL_TRACE_AT(at, "malloc succeed, %s num;%d\n", N.num, n);
+        for (UTIL_S32 i = 0; i < n; ++i) equip(&fresh[i], elems[i], i);
+        return 0;
+    }
+};
+
 }  // namespace quillane::container
-
-// The types of one module: its record, its node, and its form's algorithms
-// (Linked or Array) over its discipline.
-#define QUILLANE_CONTAINER_TYPES(NAME, FORM, DISCIPLINE)                                              \
-    using Container = util_##NAME##_t;                                                                 \
-    using Ops = ::quillane::container::FORM<Container, ::quillane::container::DISCIPLINE<Container>>; \
-    using Node = Ops::Node
-
-// Inside a named operation: a null container is reported and refused.
-#define QUILLANE_CONTAINER_REQUIRE(NAME, p, failed)      \
-    do {                                                 \
-        if ((p) == nullptr) {                            \
-            UTIL_DBG_ERR("error: " #NAME " is NULL!\n"); \
-            return failed;                               \
-        }                                                \
-    } while (0)
-
-// An operation that would add, take out, move or free elements refuses a
-// container whose callback is running on this thread.
-#define QUILLANE_CONTAINER_REQUIRE_IDLE(NAME, p)                           \
-    do {                                                                   \
-        if (::quillane::reentry::covered(p)) {                             \
-            UTIL_DBG_ERR("error: " #NAME " is in use by a callback!\n");   \
-            return -1;                                                     \
-        }                                                                  \
-    } while (0)
-
-// The same for a list: none of its containers may be in use.
-#define QUILLANE_CONTAINER_REQUIRE_IDLE_LIST(NAME, LIST, ARRAY, MAX)                                          \
-    do {                                                                                                      \
-        if (LIST->ARRAY != nullptr &&                                                                         \
-            ::quillane::reentry::covered(LIST->ARRAY, ::quillane::container::array_bytes<Container>(LIST->MAX))) { \
-            UTIL_DBG_ERR("error: " #NAME " is in use by a callback!\n");                                      \
-            return -1;                                                                                        \
-        }                                                                                                     \
-    } while (0)
-
-// create refuses a null template; FORM is "linkedList" or "arrayList".
-#define QUILLANE_CONTAINER_REQUIRE_TEMPLATE(FORM, KIND, p)                 \
-    do {                                                                   \
-        if ((p) == nullptr) {                                              \
-            UTIL_DBG_ERR("error: default " FORM " " #KIND " is NULL!\n");  \
-            return nullptr;                                                \
-        }                                                                  \
-    } while (0)
-
-// transfer refuses a null source or destination.
-#define QUILLANE_CONTAINER_REQUIRE_PAIR(NAME, OUT, IN, pout, pin)           \
-    do {                                                                    \
-        if ((pout) == nullptr || (pin) == nullptr) {                        \
-            UTIL_DBG_ERR("error: " #NAME ", " OUT " or " IN " is NULL!\n"); \
-            return -1;                                                      \
-        }                                                                   \
-    } while (0)
-
-// An operation on one container that has nothing to report but a null one.
-#define QUILLANE_CONTAINER_SIMPLE(NAME, TYPE, OP, failed, result)      \
-    TYPE Func_##NAME##_##OP(Container* pcontainer) noexcept {          \
-        QUILLANE_CONTAINER_REQUIRE(NAME, pcontainer, failed);          \
-        return result;                                                 \
-    }
-
-#define QUILLANE_CONTAINER_BOOL(test) ((test) ? UTIL_TRUE : UTIL_FALSE)
-
-// An operation on one container that changes its elements.
-#define QUILLANE_CONTAINER_CHANGE(NAME, OP, result)                \
-    UTIL_S32 Func_##NAME##_##OP(Container* pcontainer) noexcept {  \
-        QUILLANE_CONTAINER_REQUIRE(NAME, pcontainer, -1);          \
-        QUILLANE_CONTAINER_REQUIRE_IDLE(NAME, pcontainer);         \
-        return result;                                             \
-    }
-
-// The operations whose shell is the same for both forms; `Ops` is the
-// form's algorithm template, `EQUIP(ELEMS, LIST, ARRAY, i)` readies entry i of
-// a new array of containers (`array`) from the template ELEMS[i]. NAME is the
-// module (queue_high_linkedList), LIST and ELEMS the names of the list
-// operations' parameters (pqlList, pql), ARRAY and MAX the list record's
-// fields (pqhll, qhllMax), NUM the word in the allocation trace.
-#define QUILLANE_CONTAINER_COMMON_OPERATIONS(NAME, LIST, ELEMS, ARRAY, MAX, NUM, EQUIP)                      \
-    QUILLANE_CONTAINER_SIMPLE(NAME, UTIL_BOOL, isEmpty, UTIL_FALSE,                                          \
-                              QUILLANE_CONTAINER_BOOL(Ops::is_empty(pcontainer)))                            \
-    QUILLANE_CONTAINER_CHANGE(NAME, remove, Ops::remove(pcontainer))                                         \
-    QUILLANE_CONTAINER_CHANGE(NAME, clear, (Ops::clear(pcontainer), 0))                                      \
-    QUILLANE_CONTAINER_SIMPLE(NAME, UTIL_S32, getSize, -1, Ops::size(pcontainer))                            \
-    QUILLANE_CONTAINER_SIMPLE(NAME, UTIL_S32, getCount, -1, Ops::count_field(pcontainer))                    \
-    /* Meant for a container from create; one of an array ends with exit_list. */                            \
-    UTIL_S32 Func_##NAME##_destroy(Container** ppcontainer) noexcept {                                       \
-        if (ppcontainer != nullptr && *ppcontainer != nullptr) {                                             \
-            QUILLANE_CONTAINER_REQUIRE_IDLE(NAME, *ppcontainer);                                             \
-            Ops::destroy(*ppcontainer);                                                                      \
-            *ppcontainer = nullptr;                                                                          \
-        }                                                                                                    \
-        return 0;                                                                                            \
-    }                                                                                                        \
-    UTIL_S32 Func_##NAME##_exit_list(util_list_##NAME##_t* LIST) noexcept {                                  \
-        if (LIST == nullptr) {                                                                               \
-            UTIL_TRACE("error: " #LIST " is NULL!\n");                                                       \
-            return -1;                                                                                       \
-        }                                                                                                    \
-        QUILLANE_CONTAINER_REQUIRE_IDLE_LIST(NAME, LIST, ARRAY, MAX);                                        \
-        if (LIST->ARRAY != nullptr) {                                                                        \
-            Ops::release_list(LIST->ARRAY, LIST->MAX);                                                       \
-            LIST->ARRAY = nullptr;                                                                           \
-        }                                                                                                    \
-        UTIL_TRACE("free succeed, num;%d\n", LIST->MAX);                                                     \
-        LIST->MAX = 0;                                                                                       \
-        return 0;                                                                                            \
-    }                                                                                                        \
-    UTIL_S32 Func_##NAME##_init_list(util_list_##NAME##_t* LIST, Container* ELEMS, UTIL_S32 max) noexcept {  \
-        if (LIST == nullptr || ELEMS == nullptr || max <= 0) {                                               \
-            UTIL_TRACE("error: " #LIST " or " #ELEMS " is NULL, max:%d!!!\n", max);                          \
-            return -1;                                                                                       \
-        }                                                                                                    \
-        QUILLANE_CONTAINER_REQUIRE_IDLE_LIST(NAME, LIST, ARRAY, MAX);                                        \
-        if (LIST->ARRAY != nullptr) Func_##NAME##_exit_list(LIST);                                           \
-        Container* array = ::quillane::container::allocate_array<Container>(max);                            \
-        if (array == nullptr) {                                                                              \
-            UTIL_DBG_ERR("error: malloc failed!!!!!");                                                       \
-            UTIL_TRACE("error, malloc failed!!!\n");                                                         \
-            return -1;                                                                                       \
-        }                                                                                                    \
-        LIST->ARRAY = array;                                                                                 \
-        LIST->MAX = max;                                                                                     \
-        UTIL_TRACE("malloc succeed, " NUM " num;%d\n", max);                                                 \
-        for (UTIL_S32 i = 0; i < max; ++i) {                                                                 \
-            EQUIP(ELEMS, LIST, ARRAY, i);                                                                    \
-        }                                                                                                    \
-        return 0;                                                                                            \
-    }

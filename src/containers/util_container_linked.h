@@ -13,6 +13,8 @@ struct FifoLinks {
     using Node = std::remove_pointer_t<decltype(C::front)>;
     // A lookup of the last position is served from `rear` without a walk.
     static constexpr bool kLastShortcut = true;
+    // The field a warning about an empty container names.
+    static constexpr const char* kExitEndField = "front";
 
     static Node* exit_end(const C* c) noexcept { return c->front; }
     static Node* entry_end(const C* c) noexcept { return c->rear; }
@@ -41,6 +43,7 @@ template <class C>
 struct LifoLinks {
     using Node = std::remove_pointer_t<decltype(C::top)>;
     static constexpr bool kLastShortcut = false;
+    static constexpr const char* kExitEndField = "top";
 
     static Node* exit_end(const C* c) noexcept { return c->top; }
     static Node* entry_end(const C* c) noexcept { return c->top; }
@@ -57,9 +60,11 @@ enum class Lookup { found, empty, beyond_count, count_too_high };
 
 template <class C, class Links>
 struct Linked {
+    using Container = C;
     using Node = typename Links::Node;
     using Data = DataOf<Node>;
     using Fun = decltype(C::fun);
+    static constexpr const char* kExitEndField = Links::kExitEndField;
 
     struct Found {
         Node* node;
@@ -186,98 +191,97 @@ struct Linked {
     }
 };
 
+// The named operations of a linked module, less those of Shell.
+template <class Ops, const Names& N>
+struct LinkedShell : Shell<Ops, N> {
+    using Base = Shell<Ops, N>;
+    using typename Base::C, typename Base::Data, typename Base::Node;
+    using Base::busy, Base::missing;
+
+    static C* create(Where at, C* tmpl) noexcept {
+        if (Base::missing_template(at, tmpl, "linkedList")) return nullptr;
+        C* created = Ops::create(*tmpl);
+        if (created == nullptr) UTIL_DBG_ERR_AT(at, "error: malloc p%s fail!\n", N.kind);
+        return created;
+    }
+
+    static UTIL_S32 insert(Where at, C* c, Data* pdata) noexcept {
+        if (missing(at, c) || busy(at, c)) return -1;
+        if (Ops::insert(c, pdata)) return 0;
+        UTIL_DBG_ERR_AT(at, "malloc %s fail!\n", N.kind);
+        return -1;
+    }
+
+    static UTIL_S32 transfer(Where at, C* out, C* in) noexcept {
+        if (Base::unfit_pair(at, out, in)) return -1;
+        return Ops::transfer(out, in);
+    }
+
+    static UTIL_S32 search(Where at, C* c, Data* key) noexcept {
+        return missing(at, c) || empty(at, c) ? -1 : Ops::search(c, key);
+    }
+
+    static UTIL_S32 display(Where at, C* c) noexcept {
+        if (missing(at, c) || empty(at, c)) return -1;
+        Ops::display(c);
+        return 0;
+    }
+
+    // The lookup behind modify and getNodeData, for a container they have
+    // checked: *result 0 found, 1 empty, -1 failed.
+    static Node* get_node(Where at, C* c, UTIL_S32 position, UTIL_S32* result) noexcept {
+        const typename Ops::Found found = Ops::get_node(c, position);
+        *result = 0;
+        if (found.how == Lookup::beyond_count) {
+            UTIL_DBG_ERR_AT(at, "warning: %s count=%d <= position=%d!\n", N.kind, c->count, position);
+            *result = -1;
+        } else if (found.how == Lookup::count_too_high) {
+            UTIL_DBG_ERR_AT(at, "warning: %s count=%d > real_%s_size, please reset %s->count!\n", N.kind, c->count,
+                            N.kind, N.kind);
+            *result = -1;
+        } else if (found.how == Lookup::empty) {
+            *result = 1;
+        }
+        return found.node;
+    }
+
+    // `find` is the module's getNode, which speaks for itself.
+    template <class Find>
+    static UTIL_S32 modify(Where at, C* c, UTIL_S32 position, Data* pdata, Find find) noexcept {
+        if (missing(at, c)) return -1;
+        UTIL_S32 result = 0;
+        Node* node = lookup(at, c, position, find, &result);
+        return result != 0 ? result : container::modify(c, node, pdata);
+    }
+
+    template <class Find>
+    static Data* get_node_data(Where at, C* c, UTIL_S32 position, Find find) noexcept {
+        if (missing(at, c)) return nullptr;
+        UTIL_S32 result = 0;
+        Node* node = lookup(at, c, position, find, &result);
+        return result == 0 ? node->data : nullptr;
+    }
+
+    template <class List, class Exit>
+    static UTIL_S32 init_list(Where at, List* list, C* elems, UTIL_S32 n, Exit own_exit) noexcept {
+        return Base::init_list(at, list, elems, n, own_exit,
+                               [](C* entry, const C& tmpl, UTIL_S32) { Ops::init(entry, tmpl.fun); });
+    }
+
+private:
+    // search and display refuse an empty container with a warning.
+    static bool empty(Where at, const C* c) noexcept {
+        if (!Ops::is_empty(c)) return false;
+        UTIL_DBG_ERR_AT(at, "warning: %s->%s is NULL!!\n", N.kind, Ops::kExitEndField);
+        return true;
+    }
+
+    template <class Find>
+    static Node* lookup(Where at, C* c, UTIL_S32 position, Find find, UTIL_S32* result) noexcept {
+        Node* node = find(c, position, result);
+        if (*result == -1) UTIL_DBG_ERR_AT(at, "error: search position=%d failed!!\n", position);
+        return node;
+    }
+};
+
 }  // namespace quillane::container
-
-// Which field a warning about an empty container names.
-#define QUILLANE_LINKS_END_FifoLinks "front"
-#define QUILLANE_LINKS_END_LifoLinks "top"
-
-#define QUILLANE_LINKED_EQUIP(ELEMS, LIST, ARRAY, i) Ops::init(&array[i], ELEMS[i].fun)
-
-// search and display refuse an empty container with a warning.
-#define QUILLANE_LINKED_REQUIRE_ELEMENTS(NAME, KIND, LINKS, p)                              \
-    QUILLANE_CONTAINER_REQUIRE(NAME, p, -1);                                                \
-    do {                                                                                    \
-        if (Ops::is_empty(p)) {                                                             \
-            UTIL_DBG_ERR("warning: " #KIND "->" QUILLANE_LINKS_END_##LINKS " is NULL!!\n"); \
-            return -1;                                                                      \
-        }                                                                                   \
-    } while (0)
-
-// Expands to the named operations and the table of one linked container
-// module. NAME is the module (queue_high_linkedList), KIND its element word
-// (queue), LINKS its discipline, OUT and IN the names the transfer message
-// gives its two containers, and the rest as for the common operations.
-#define QUILLANE_LINKED_CONTAINER(NAME, KIND, LINKS, OUT, IN, LIST, ELEMS, ARRAY, MAX)                        \
-    namespace {                                                                                               \
-    QUILLANE_CONTAINER_TYPES(NAME, Linked, LINKS);                                                            \
-    using ::quillane::container::Lookup;                                                                      \
-                                                                                                              \
-    Container* Func_##NAME##_create(Container* pdefault) noexcept {                                           \
-        QUILLANE_CONTAINER_REQUIRE_TEMPLATE("linkedList", KIND, pdefault);                                    \
-        Container* created = Ops::create(*pdefault);                                                          \
-        if (created == nullptr) UTIL_DBG_ERR("error: malloc p" #KIND " fail!\n");                             \
-        return created;                                                                                       \
-    }                                                                                                         \
-    UTIL_S32 Func_##NAME##_insert(Container* pcontainer, Ops::Data* pdata) noexcept {                         \
-        QUILLANE_CONTAINER_REQUIRE(NAME, pcontainer, -1);                                                     \
-        QUILLANE_CONTAINER_REQUIRE_IDLE(NAME, pcontainer);                                                    \
-        if (Ops::insert(pcontainer, pdata)) return 0;                                                         \
-        UTIL_DBG_ERR("malloc " #KIND " fail!\n");                                                             \
-        return -1;                                                                                            \
-    }                                                                                                         \
-    UTIL_S32 Func_##NAME##_transfer(Container* pout, Container* pin) noexcept {                               \
-        QUILLANE_CONTAINER_REQUIRE_PAIR(NAME, OUT, IN, pout, pin);                                            \
-        QUILLANE_CONTAINER_REQUIRE_IDLE(NAME, pout);                                                          \
-        QUILLANE_CONTAINER_REQUIRE_IDLE(NAME, pin);                                                           \
-        return Ops::transfer(pout, pin);                                                                      \
-    }                                                                                                         \
-    UTIL_S32 Func_##NAME##_search(Container* pcontainer, Ops::Data* pdata) noexcept {                         \
-        QUILLANE_LINKED_REQUIRE_ELEMENTS(NAME, KIND, LINKS, pcontainer);                                      \
-        return Ops::search(pcontainer, pdata);                                                                \
-    }                                                                                                         \
-    UTIL_S32 Func_##NAME##_display(Container* pcontainer) noexcept {                                          \
-        QUILLANE_LINKED_REQUIRE_ELEMENTS(NAME, KIND, LINKS, pcontainer);                                      \
-        Ops::display(pcontainer);                                                                             \
-        return 0;                                                                                             \
-    }                                                                                                         \
-    /* The lookup behind modify and getNodeData: *result 0 found, 1 empty, -1 failed. */                     \
-    Node* Func_##NAME##_getNode(Container* pcontainer, UTIL_S32 position, UTIL_S32* result) noexcept {        \
-        *result = 0;                                                                                          \
-        QUILLANE_CONTAINER_REQUIRE(NAME, pcontainer, (*result = -1, nullptr));                                \
-        const Ops::Found found = Ops::get_node(pcontainer, position);                                         \
-        if (found.how == Lookup::beyond_count) {                                                              \
-            UTIL_DBG_ERR("warning: " #KIND " count=%d <= position=%d!\n", pcontainer->count, position);       \
-            *result = -1;                                                                                     \
-        } else if (found.how == Lookup::count_too_high) {                                                     \
-            UTIL_DBG_ERR("warning: " #KIND " count=%d > real_" #KIND "_size, please reset " #KIND             \
-                         "->count!\n",                                                                        \
-                         pcontainer->count);                                                                  \
-            *result = -1;                                                                                     \
-        } else if (found.how == Lookup::empty) {                                                              \
-            *result = 1;                                                                                      \
-        }                                                                                                     \
-        return found.node;                                                                                    \
-    }                                                                                                         \
-    UTIL_S32 Func_##NAME##_modify(Container* pcontainer, UTIL_S32 position, Ops::Data* pdata) noexcept {      \
-        QUILLANE_CONTAINER_REQUIRE(NAME, pcontainer, -1);                                                     \
-        UTIL_S32 result = 0;                                                                                  \
-        Node* node = Func_##NAME##_getNode(pcontainer, position, &result);                                    \
-        if (result == -1) UTIL_DBG_ERR("error: search position=%d failed!!\n", position);                     \
-        return result != 0 ? result : ::quillane::container::modify(pcontainer, node, pdata);            \
-    }                                                                                                         \
-    Ops::Data* Func_##NAME##_getNodeData(Container* pcontainer, UTIL_S32 position) noexcept {                 \
-        QUILLANE_CONTAINER_REQUIRE(NAME, pcontainer, nullptr);                                                \
-        UTIL_S32 result = 0;                                                                                  \
-        Node* node = Func_##NAME##_getNode(pcontainer, position, &result);                                    \
-        if (result == -1) UTIL_DBG_ERR("error: search position=%d failed!!\n", position);                     \
-        return result == 0 ? node->data : nullptr;                                                            \
-    }                                                                                                         \
-    QUILLANE_CONTAINER_COMMON_OPERATIONS(NAME, LIST, ELEMS, ARRAY, MAX, "ql", QUILLANE_LINKED_EQUIP)          \
-    }                                                                                                         \
-    util_ops_##NAME##_fun_t util_ops_##NAME##_fun = {                                                         \
-        Func_##NAME##_create,  Func_##NAME##_isEmpty,  Func_##NAME##_insert,      Func_##NAME##_remove,       \
-        Func_##NAME##_search,  Func_##NAME##_modify,   Func_##NAME##_transfer,    Func_##NAME##_clear,        \
-        Func_##NAME##_display, Func_##NAME##_destroy,  Func_##NAME##_getSize,     Func_##NAME##_getCount,     \
-        Func_##NAME##_getNodeData, Func_##NAME##_init_list, Func_##NAME##_exit_list,                          \
-    };
