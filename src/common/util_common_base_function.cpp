@@ -16,6 +16,7 @@
 #include "core/util_alloc.h"
 #include "common/util_common_base_internal.h"
 #include "core/util_msg.h"
+#include "core/util_text.h"
 
 namespace {
 
@@ -239,11 +240,10 @@ inline UTIL_U32 magnitude(UTIL_S32 n) noexcept {
 // Writes the digits of v in the given base, most significant first, with no
 // leading zeros ("0" for zero), and a terminator; returns the digit count.
 std::size_t write_digits(UTIL_U32 v, UTIL_U32 base, UTIL_CHAR* out) noexcept {
-    static constexpr char kDigits[] = "0123456789ABCDEF";
     char reversed[32];
     std::size_t n = 0;
     do {
-        reversed[n++] = kDigits[v % base];
+        reversed[n++] = quillane::kHexDigitsUpper[v % base];
         v /= base;
     } while (v != 0);
     for (std::size_t i = 0; i < n; ++i) out[i] = reversed[n - 1 - i];

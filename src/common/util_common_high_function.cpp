@@ -206,16 +206,9 @@ UTIL_S32 Func_deleteFileList(UTIL_CHAR (*delListName)[256], UTIL_S32 num) noexce
         stat(name, &st);
         if (S_ISDIR(st.st_mode)) {
             char cmd[256];
-            std::size_t pos = 0;
-            const std::string_view n(name);
             // Plain names give "rm NAME -rf"; others are quoted so they can
             // only ever name the directory.
-            const bool ok = quillane::shell_safe(n)
-                                ? quillane::append_text(cmd, sizeof cmd, pos, "rm ") &&
-                                      quillane::append_text(cmd, sizeof cmd, pos, n) &&
-                                      quillane::append_text(cmd, sizeof cmd, pos, " -rf")
-                                : quillane::append_text(cmd, sizeof cmd, pos, "rm -rf -- ") &&
-                                      quillane::append_quoted(cmd, sizeof cmd, pos, n);
+            const bool ok = quillane::command_with_text(cmd, sizeof cmd, name, "rm ", " -rf", "rm -rf -- ");
             if (!ok) {
                 UTIL_DBG_ERR("error: index:%d: command for %s is too long\n", i, name);
                 ++errors;
@@ -523,14 +516,7 @@ UTIL_S32 Func_readFileShellCmds_malloc(UTIL_CHAR* filePath, util_string_list_t* 
 // Builds "ps | grep \"NAME\"" (a plain name) or "ps | grep -e 'NAME'"
 // (anything else, so the name can never end the pattern and start a command).
 bool lookup_command(const char* name, char (&cmd)[kCmdBuf]) noexcept {
-    std::size_t pos = 0;
-    const std::string_view n(name);
-    if (quillane::shell_safe(n)) {
-        return quillane::append_text(cmd, sizeof cmd, pos, "ps | grep \"") &&
-               quillane::append_text(cmd, sizeof cmd, pos, n) && quillane::append_text(cmd, sizeof cmd, pos, "\"");
-    }
-    return quillane::append_text(cmd, sizeof cmd, pos, "ps | grep -e ") &&
-           quillane::append_quoted(cmd, sizeof cmd, pos, n);
+    return quillane::command_with_text(cmd, sizeof cmd, name, "ps | grep \"", "\"", "ps | grep -e ");
 }
 
 UTIL_S32 Func_find_pid(UTIL_CHAR* pidname) noexcept {

@@ -47,12 +47,18 @@ inline bool append_text(char* buf, std::size_t size, std::size_t& pos, std::stri
     return true;
 }
 
-// Appends `text` as one shell word: unchanged when plain, quoted otherwise.
-inline bool append_word(char* buf, std::size_t size, std::size_t& pos, std::string_view text) noexcept {
-    return shell_safe(text) ? append_text(buf, size, pos, text) : append_quoted(buf, size, pos, text);
+// A command line around one caller text: `plain_head TEXT plain_tail` when
+// the text is plain, so that ordinary names keep the command the library has
+// always run, else `quoted_head 'TEXT'`, where the quoted text can only ever
+// be one argument. False when it would not fit `buf` with its terminator.
+inline bool command_with_text(char* buf, std::size_t size, std::string_view text, std::string_view plain_head,
+                              std::string_view plain_tail, std::string_view quoted_head) noexcept {
+    std::size_t pos = 0;
+    if (shell_safe(text)) {
+        return append_text(buf, size, pos, plain_head) && append_text(buf, size, pos, text) &&
+               append_text(buf, size, pos, plain_tail);
+    }
+    return append_text(buf, size, pos, quoted_head) && append_quoted(buf, size, pos, text);
 }
-
-// Digits of a byte dump ("0x1F") and of numbers printed in bases up to 16.
-inline constexpr char kHexDigitsUpper[] = "0123456789ABCDEF";
 
 }  // namespace quillane

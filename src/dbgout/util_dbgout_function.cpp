@@ -19,7 +19,7 @@
 
 #include "dbgout/util_dbgout_internal.h"
 #include "core/util_msg.h"
-#include "core/util_shell.h"
+#include "core/util_text.h"
 
 void quillane::console_message(FILE* stream, const char* fmt, ...) noexcept {
     // A diagnostic never changes errno: the caller may still want the reason.
