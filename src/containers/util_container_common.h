@@ -17,6 +17,7 @@
 #include <type_traits>
 
 #include "core/util_alloc.h"
+#include "core/util_entry_list.h"
 #include "core/util_msg.h"
 #include "core/util_reentry.h"
 
@@ -76,11 +77,6 @@ std::size_t array_bytes(UTIL_S32 n) noexcept {
     return n > 0 ? static_cast<std::size_t>(n) * sizeof(C) : 0;
 }
 
-// An array of `n` (> 0) container records, zeroed.
-template <class Container>
-Container* allocate_array(UTIL_S32 n) noexcept {
-    return static_cast<Container*>(mem_calloc(static_cast<std::size_t>(n), sizeof(Container)));
-}
 
 // The source's transfer callback if it has one, else the destination's.
 template <class Fun>
@@ -180,13 +176,7 @@ struct Shell {
         }
         if (busy_list(at, list)) return -1;
         auto& [array, max] = *list;
-        if (array != nullptr) {
-            Ops::release_list(array, max);
-            array = nullptr;
-        }
-        UTIL_TRACE_AT(at, "free succeed, num;%d\n", max);
-        max = 0;
-        return 0;
+        return entry_list::release(at, array, max, Ops::release_entries);
     }
 
     // A live array is emptied by the module's own exit_list, which speaks
@@ -200,15 +190,8 @@ struct Shell {
         if (busy_list(at, list)) return -1;
         auto& [array, max] = *list;
         if (array != nullptr) own_exit(list);
-        C* fresh = allocate_array<C>(n);
-        if (fresh == nullptr) {
-            UTIL_DBG_ERR_AT(at, "error: malloc failed!!!!!");
-            UTIL_TRACE_AT(at, "error, malloc failed!!!\n");
-            return -1;
-        }
-        array = fresh;
-        max = n;
-        UTIL_TRACE_AT(at, "malloc succeed, %s num;%d\n", N.num, n);
+        C* fresh = entry_list::allocate(at, array, max, n, N.num);
+        if (fresh == nullptr) return -1;
         for (UTIL_S32 i = 0; i < n; ++i) equip(&fresh[i], elems[i], i);
         return 0;
     }

@@ -184,10 +184,11 @@ struct Linked {
         return 0;
     }
 
-    static void release_list(C* array, UTIL_S32 n) noexcept {
+    // exit_list empties every container of the array (the array itself goes
+    // after), with the whole array in use while element callbacks run.
+    static void release_entries(C* array, UTIL_S32 n) noexcept {
         const reentry::Scope busy(array, array_bytes<C>(n));
         for (UTIL_S32 i = 0; i < n; ++i) clear(&array[i]);
-        mem_free(array);
     }
 };
 

@@ -9,6 +9,7 @@
 #include <type_traits>
 
 #include "core/util_alloc.h"
+#include "core/util_entry_list.h"
 #include "core/util_msg.h"
 #include "core/util_tables.h"
 #include "core/util_reentry.h"
@@ -31,13 +32,6 @@ bool refused_while_running(quillane::Where where, const util_list_parameter_clas
     if (!quillane::reentry::covered(pclassList)) return false;
     UTIL_TRACE_AT(where, "error: pclassList is in use by a class callback!\n");
     return true;
-}
-
-// Every allocation failure of a build says so twice: on the console and in
-// the trace, both in the name of the build.
-void report_no_memory(quillane::Where where) noexcept {
-    UTIL_DBG_ERR_AT(where, "error: malloc failed!!!!!");
-    UTIL_TRACE_AT(where, "error, malloc failed!!!\n");
 }
 
 // A class that claims parameters but has no array to copy them from cannot
@@ -116,19 +110,15 @@ UTIL_S32 Func_parameter_base_exit_list_function(util_list_parameter_class_t* pcl
         return -1;
     }
     if (refused_while_running(UTIL_HERE, pclassList)) return -1;
-    if (pclassList->pclass != nullptr) {
-        for (UTIL_S32 i = 0; i < pclassList->classMax; ++i) {
-            util_parameter_class_t& cls = pclassList->pclass[i];
-            free_class_contents(cls);
-            // Every class of a built list got its mutex, even one without parameters.
-            pthread_mutex_destroy(&cls.used_mutex);
-        }
-        quillane::mem_free(pclassList->pclass);
-        pclassList->pclass = nullptr;
-    }
-    UTIL_TRACE("free succeed, num;%d\n", pclassList->classMax);
-    pclassList->classMax = 0;
-    return 0;
+    return quillane::entry_list::release(UTIL_HERE, pclassList->pclass, pclassList->classMax,
+                                         [](util_parameter_class_t* classes, UTIL_S32 n) {
+                                             for (UTIL_S32 i = 0; i < n; ++i) {
+                                                 free_class_contents(classes[i]);
+                                                 // Every class of a built list got its mutex, even
+                                                 // one without parameters.
+                                                 pthread_mutex_destroy(&classes[i].used_mutex);
+                                             }
+                                         });
 }
 
 // Copies one application class into its slot of a zeroed class array, with
@@ -178,22 +168,18 @@ UTIL_S32 Func_parameter_base_init_list_function(util_list_parameter_class_t* pcl
     }
     // Zeroed, so that a failure half-way can free every slot without knowing
     // how far the copy got.
-    auto* classes = static_cast<util_parameter_class_t*>(
-        quillane::mem_calloc(static_cast<std::size_t>(pcMax), sizeof(util_parameter_class_t)));
+    util_parameter_class_t* classes =
+        quillane::entry_list::allocate(UTIL_HERE, pclassList->pclass, pclassList->classMax, pcMax, "pc");
     if (classes == nullptr) {
-        report_no_memory(UTIL_HERE);
         pclassList->classMax = 0;
         return -1;
     }
-    pclassList->pclass = classes;
-    pclassList->classMax = pcMax;
-    UTIL_TRACE("malloc succeed, pc num;%d\n", pcMax);
     // The marker is looked at once a build: it switches the detail traces for
     // the whole list, not for some of its classes.
     const bool detail = detail_marker_present();
     for (UTIL_S32 i = 0; i < pcMax; ++i) {
         if (!copy_class(UTIL_HERE, classes[i], ppc[i], i, detail)) {
-            report_no_memory(UTIL_HERE);
+            quillane::entry_list::report_no_memory(UTIL_HERE);
             release_failed_build(pclassList, i);
             return -1;
         }
