@@ -677,11 +677,52 @@ bool read_repetition(const char* p, std::size_t i, Interval& rep, std::size_t& e
     }
 }
 
-// Two constructs that POSIX extended expressions leave undefined are
-// refused as well, because the C library accepts them at a cost that can
-// explode: adjacent repetition symbols ("a??+", whose compilation time grows
-// exponentially with their number) and back-references (whose matching time
-// can grow so with the value's length).
+// Measures the atom, group mark or alternative at p[i] (moving i to its last
+// character) and notes what the search form writes otherwise; 0, or the
+// error code of a refusal. Back-references are refused: the C library
+// accepts them at a matching time that can grow exponentially with the
+// value's length.
+int measure_at(const char* p, std::size_t& i, PatternMeter& meter, Screen& out) noexcept {
+    switch (p[i]) {
+        case '\\':
+            if (p[i + 1] >= '1' && p[i + 1] <= '9') return REG_ESUBREG;
+            if (p[i + 1] != '\0') ++i;
+            if (std::strchr("wWsS", p[i]) != nullptr) {
+                meter.add(3, 0);
+            } else {
+                meter.add(1, std::strchr("bB<>`'", p[i]) != nullptr ? 1 : 0);  // anchors match empty
+            }
+            return 0;
+        case '[':
+            i = bracket_end(p, i);
+            meter.add(3, 0);
+            return 0;
+        case '(':
+            return meter.open_group() ? 0 : REG_ESIZE;
+        case ')':
+            if (meter.in_group()) {
+                meter.close_group();
+            } else {  // closes nothing: an ordinary character
+                out.marks[i] = Mark::stray_close;
+                meter.add(1, 0);
+            }
+            return 0;
+        case '|':
+            meter.alternative();
+            return 0;
+        case '^':
+            out.marks[i] = Mark::line_start;
+            meter.add(1, 1);
+            return 0;
+        default:
+            meter.add(1, p[i] == '$' ? 1 : 0);
+            return 0;
+    }
+}
+
+// Adjacent repetition symbols ("a??+") are refused too: POSIX extended
+// expressions leave them undefined, and the C library compiles them in a
+// time that grows exponentially with their number.
 Screen screen_pattern(const char* p) noexcept {
     Screen out;
     PatternMeter meter;
@@ -698,49 +739,9 @@ Screen screen_pattern(const char* p) noexcept {
         if (repetition) {
             meter.repeat(rep);
             i = end;
-            continue;
-        }
-        switch (p[i]) {
-            case '\\':
-                if (p[i + 1] >= '1' && p[i + 1] <= '9') {
-                    out.refusal = REG_ESUBREG;
-                    return out;
-                }
-                if (p[i + 1] != '\0') ++i;
-                if (std::strchr("wWsS", p[i]) != nullptr) {
-                    meter.add(3, 0);
-                } else {
-                    meter.add(1, std::strchr("bB<>`'", p[i]) != nullptr ? 1 : 0);  // anchors match empty
-                }
-                break;
-            case '[':
-                i = bracket_end(p, i);
-                meter.add(3, 0);
-                break;
-            case '(':
-                if (!meter.open_group()) {
-                    out.refusal = REG_ESIZE;
-                    return out;
-                }
-                break;
-            case ')':
-                if (meter.in_group()) {
-                    meter.close_group();
-                } else {  // closes nothing: an ordinary character
-                    out.marks[i] = Mark::stray_close;
-                    meter.add(1, 0);
-                }
-                break;
-            case '|':
-                meter.alternative();
-                break;
-            case '^':
-                out.marks[i] = Mark::line_start;
-                meter.add(1, 1);
-                break;
-            default:
-                meter.add(1, p[i] == '$' ? 1 : 0);
-                break;
+        } else if (const int refusal = measure_at(p, i, meter, out); refusal != 0) {
+            out.refusal = refusal;
+            return out;
         }
     }
     out.refusal = meter.refusal();

@@ -342,21 +342,56 @@ bool rewrite_in_place(const char* target, const char* content, std::size_t size)
     return fd >= 0 && sync_and_close(fd, write_all(fd, content, size));
 }
 
+// Texts that would damage the file, refused in the name of the rewrite at `at`.
+bool refused_texts(quillane::Where at, const char* path, const char* keyword, const char* item) noexcept {
+    if (keyword[0] == '\0') {
+        // Every line contains the empty text: the whole file would become
+        // copies of one line.
+        UTIL_DBG_ERR_AT(at, "error: empty keyword, %s left unchanged\n", path);
+        return true;
+    }
+    if (std::strpbrk(keyword, "\r\n") != nullptr || std::strpbrk(item, "\r\n") != nullptr) {
+        // The line end would slip a second setting into the file.
+        UTIL_DBG_ERR_AT(at, "error: line end in the keyword or the new line, %s left unchanged\n", path);
+        return true;
+    }
+    return false;
+}
+
+// The new content of a configuration file: every line containing `keyword`
+// replaced by `item` and a line feed, the others as they were.
+enum class Rewritten { ok, too_long, read_failed };
+Rewritten rewrite_lines(FILE* in, const char* keyword, const char* item, char (&content)[kContentBuf],
+                        std::size_t& used) noexcept {
+    const std::size_t item_len = std::strlen(item);
+    char* line = nullptr;
+    std::size_t cap = 0;
+    Rewritten result = Rewritten::ok;
+    for (ssize_t n; (n = getline(&line, &cap, in)) >= 0;) {
+        const bool match = std::strstr(line, keyword) != nullptr;
+        const std::size_t out_len = match ? item_len + 1 : static_cast<std::size_t>(n);
+        if (out_len >= kOutLineBuf || used + out_len >= kContentBuf) {
+            result = Rewritten::too_long;
+            break;
+        }
+        if (match) {
+            std::memcpy(content + used, item, item_len);
+            content[used + item_len] = '\n';
+        } else {
+            std::memcpy(content + used, line, out_len);
+        }
+        used += out_len;
+    }
+    std::free(line);
+    if (result == Rewritten::ok && std::ferror(in) != 0) result = Rewritten::read_failed;
+    return result;
+}
+
 UTIL_S32 update_conf(UTIL_CHAR* path, UTIL_CHAR* keyword, UTIL_CHAR* item) noexcept {
     if (path == nullptr || keyword == nullptr || item == nullptr) return -1;
     // Everything that could be refused is checked before the file is
     // touched, so a refusal leaves it exactly as it was.
-    if (keyword[0] == '\0') {
-        // Every line contains the empty text: the whole file would become
-        // copies of one line.
-        UTIL_DBG_ERR("error: empty keyword, %s left unchanged\n", path);
-        return -1;
-    }
-    if (std::strpbrk(keyword, "\r\n") != nullptr || std::strpbrk(item, "\r\n") != nullptr) {
-        // The line end would slip a second setting into the file.
-        UTIL_DBG_ERR("error: line end in the keyword or the new line, %s left unchanged\n", path);
-        return -1;
-    }
+    if (refused_texts(UTIL_HERE, path, keyword, item)) return -1;
     struct stat st {};
     if (stat(path, &st) != 0) return -1;  // a missing file is not created
     if (!S_ISREG(st.st_mode)) {
@@ -377,34 +412,15 @@ UTIL_S32 update_conf(UTIL_CHAR* path, UTIL_CHAR* keyword, UTIL_CHAR* item) noexc
     // rewrites of one file follow each other and none is lost.
     UniqueFile in = open_locked(target, st);
     if (!in) return -1;
-    const std::size_t item_len = std::strlen(item);
     char content[kContentBuf];
     std::size_t used = 0;
-    char* line = nullptr;
-    std::size_t cap = 0;
-    bool fits = true;
-    for (ssize_t n; (n = getline(&line, &cap, in.get())) >= 0;) {
-        const bool match = std::strstr(line, keyword) != nullptr;
-        const std::size_t out_len = match ? item_len + 1 : static_cast<std::size_t>(n);
-        if (out_len >= kOutLineBuf || used + out_len >= kContentBuf) {
-            fits = false;
-            break;
-        }
-        if (match) {
-            std::memcpy(content + used, item, item_len);
-            content[used + item_len] = '\n';
-        } else {
-            std::memcpy(content + used, line, out_len);
-        }
-        used += out_len;
-    }
-    std::free(line);
-    if (!fits) {
+    const Rewritten read = rewrite_lines(in.get(), keyword, item, content, used);
+    if (read == Rewritten::too_long) {
         UTIL_DBG_ERR("error: %s: a line or the new content is too long, file left unchanged\n", path);
         return -1;
     }
     // What was read up to an error is not the file: writing it would lose the rest.
-    if (std::ferror(in.get()) != 0) {
+    if (read == Rewritten::read_failed) {
         UTIL_DBG_ERR("error: %s: read failed, file left unchanged\n", path);
         return -1;
     }
