@@ -12,6 +12,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <utility>
 
 #include "core/util_alloc.h"
 #include "common/util_common_base_internal.h"
@@ -96,20 +97,11 @@ UTIL_FLOAT Func_err_sqrt2(UTIL_FLOAT x, UTIL_S32 newton_step) noexcept {
     return x == 0.0f ? 0.0f : 1.0f / Func_err_rSqrt2(x, newton_step);
 }
 
-// The callers of the sorts rely on the exchange being done in place without
-// a temporary; the two positions always differ, so the exclusive-or never
-// zeroes a value.
-inline void xor_exchange(UTIL_S32& a, UTIL_S32& b) noexcept {
-    a ^= b;
-    b ^= a;
-    a ^= b;
-}
-
 void Func_bubbleSort(UTIL_S32* arr, UTIL_S32 n) noexcept {
     if (arr == nullptr || n < 2) return;
     for (UTIL_S32 pass = 0; pass < n - 1; ++pass) {
         for (UTIL_S32 j = 0; j < n - 1 - pass; ++j) {
-            if (arr[j] > arr[j + 1]) xor_exchange(arr[j], arr[j + 1]);
+            if (arr[j] > arr[j + 1]) std::swap(arr[j], arr[j + 1]);
         }
     }
 }
@@ -120,11 +112,11 @@ void Func_bubbleSort2(UTIL_S32* arr, UTIL_S32 n) noexcept {
     UTIL_S32 right = n - 1;
     while (left < right) {
         for (UTIL_S32 j = left; j < right; ++j) {
-            if (arr[j] > arr[j + 1]) xor_exchange(arr[j], arr[j + 1]);
+            if (arr[j] > arr[j + 1]) std::swap(arr[j], arr[j + 1]);
         }
         --right;
         for (UTIL_S32 j = right; j > left; --j) {
-            if (arr[j] < arr[j - 1]) xor_exchange(arr[j - 1], arr[j]);
+            if (arr[j] < arr[j - 1]) std::swap(arr[j - 1], arr[j]);
         }
         ++left;
     }
@@ -422,11 +414,13 @@ const Byte* read_decimal(const Byte* p, Byte stop, bool star_allowed, Decimal& o
     } else if (*q == '\0') {
         return nullptr;
     }
-    // Saturates past 2^31: only whether the number fits matters beyond.
+    // Held just past the 32-bit range on both sides: only whether the
+    // number fits matters beyond.
+    constexpr std::int64_t kPastRange = std::int64_t{INT32_MAX} + 2;
     std::int64_t magnitude = 0;
     for (; *q != '\0' && !(*q == stop && q != p); ++q) {
-        if (*q < '0' || *q > '9') return nullptr;
-        if (magnitude <= 2147483648) magnitude = magnitude * 10 + (*q - '0');
+        if (!quillane::is_decimal_digit(*q)) return nullptr;
+        magnitude = quillane::push_digit(magnitude, *q, kPastRange);
     }
     out.value = negative ? -magnitude : magnitude;
     out.overflow = out.value < INT32_MIN || out.value > INT32_MAX;
@@ -535,9 +529,11 @@ bool read_interval(const char* p, std::size_t i, Interval& out, std::size_t& end
     bool comma = false;
     for (;; ++j) {
         const Byte c = static_cast<Byte>(p[j]);
-        if (c >= '0' && c <= '9') {
+        if (quillane::is_decimal_digit(c)) {
             std::uint64_t& n = numbers[comma ? 1 : 0];
-            if (n <= kMaxIntervalCount) n = n * 10 + (c - '0');
+            // Past the library's limit every count is refused alike.
+            n = static_cast<std::uint64_t>(
+                quillane::push_digit(static_cast<std::int64_t>(n), c, kMaxIntervalCount + 1));
             digits[comma ? 1 : 0] = true;
         } else if (c == ',' && !comma) {
             comma = true;

@@ -23,6 +23,7 @@
 #include "common/util_common_base_internal.h"
 #include "common/util_common_high_internal.h"
 #include "core/util_msg.h"
+#include "core/util_text.h"
 #include "core/util_raii.h"
 #include "core/util_shell.h"
 
@@ -87,10 +88,9 @@ UTIL_S32 leading_int(const char* text, std::size_t n) noexcept {
     while (i < n && (text[i] == ' ' || (text[i] >= '\t' && text[i] <= '\r'))) ++i;
     bool negative = false;
     if (i < n && (text[i] == '+' || text[i] == '-')) negative = text[i++] == '-';
-    long long value = 0;
-    for (; i < n && text[i] >= '0' && text[i] <= '9'; ++i) {
-        value = value * 10 + (text[i] - '0');
-        if (value > static_cast<long long>(INT_MAX) + 1) value = static_cast<long long>(INT_MAX) + 1;
+    std::int64_t value = 0;
+    for (; i < n && quillane::is_decimal_digit(static_cast<unsigned char>(text[i])); ++i) {
+        value = quillane::push_digit(value, static_cast<unsigned char>(text[i]), std::int64_t{INT_MAX} + 1);
     }
     if (negative) value = -value;
     if (value > INT_MAX) value = INT_MAX;
