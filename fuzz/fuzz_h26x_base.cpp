@@ -16,7 +16,9 @@
 
 #include "fuzz_check.h"
 #include "util_function.h"
+#include "h26x/nal.h"
 #include "h26x/util_h26x_base_internal.h"
+#include "h26x_reference.h"
 
 namespace {
 
@@ -116,25 +118,13 @@ struct Scan {
     std::vector<Unit> units;
 };
 
-// The plain definition: a start code at i is 00 00 00 01 with its header
-// byte at i + 4 still inside the frame; after one the search goes on at i + 4.
-std::vector<std::int64_t> plain_start_codes(const UTIL_UCHAR* buf, std::int64_t size) {
-    std::vector<std::int64_t> out;
-    for (std::int64_t i = 0; i < size - 4;) {
-        if (buf[i] == 0 && buf[i + 1] == 0 && buf[i + 2] == 0 && buf[i + 3] == 1) {
-            out.push_back(i);
-            i += 4;
-        } else {
-            ++i;
-        }
-    }
-    return out;
-}
+// The plain definition of a start code, one byte at a time.
+using qtest::ref_start_codes;
 
-bool picture_h264(int b) { return (b & 0x1F) == 1 || (b & 0x1F) == 5; }
-bool picture_h265(int b) { return ((b >> 1) & 0x3F) == 1 || ((b >> 1) & 0x3F) == 19; }
-bool picture_any(int b) { return picture_h264(b) || picture_h265(b); }
-bool picture_none(int) { return false; }
+constexpr bool picture_h264(int b) { return quillane::nal::h264::is_picture(b); }
+constexpr bool picture_h265(int b) { return quillane::nal::h265::is_picture(b); }
+constexpr bool picture_any(int b) { return quillane::nal::is_picture_any(b); }
+constexpr bool picture_none(int) { return false; }
 
 // The units a scan should report: every start code when analysing the whole
 // frame, else those up to and including the first picture unit. A picture
@@ -259,7 +249,7 @@ Scan run_v3(UTIL_UCHAR* buf, std::int32_t size, UTIL_S32 flag) {
 }
 
 void fuzz_scanners(UTIL_UCHAR* buf, std::int32_t size, UTIL_S32 flag_on) {
-    const std::vector<std::int64_t> codes = plain_start_codes(buf, size);
+    const std::vector<std::int64_t> codes = ref_start_codes(buf, size);
     const UTIL_S32 flags[2] = {0, flag_on};
     for (const UTIL_S32 flag : flags) {
         const bool all = flag != 0;
@@ -296,7 +286,7 @@ void fuzz_scanners(UTIL_UCHAR* buf, std::int32_t size, UTIL_S32 flag_on) {
 // Each search path, resumed after every start code and from one arbitrary
 // point, finds exactly the plain scan's start codes.
 void check_search_paths(const UTIL_UCHAR* buf, std::int64_t size, std::int64_t from_any) {
-    const std::vector<std::int64_t> codes = plain_start_codes(buf, size);
+    const std::vector<std::int64_t> codes = ref_start_codes(buf, size);
     std::size_t first_after = 0;
     while (first_after < codes.size() && codes[first_after] < from_any) ++first_after;
     const std::int64_t want_any = first_after < codes.size() ? codes[first_after] : -1;

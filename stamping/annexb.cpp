@@ -1,21 +1,45 @@
 #include "annexb.h"
 
 #include <algorithm>
-#include <cstring>
 
+#include "h26x/nal.h"
 
 namespace tcstamp {
 
+namespace nal = quillane::nal;
+
 namespace {
 
-bool h264_vcl(int type) { return type >= 1 && type <= 5; }
-bool h265_vcl(int type) { return type >= 0 && type <= 31; }
+// What a unit's header says, for either codec.
+struct Header {
+    int type;
+    bool vcl;
+    bool first_slice;  // a slice that begins a new picture
+};
 
-// Units that may only come before the first slice of a picture, and so
-// start a new access unit when a picture is already under way.
-bool h264_starts_access_unit(int type) { return type == 6 || type == 7 || type == 8 || type == 9 || (type >= 14 && type <= 18); }
-bool h265_starts_access_unit(int type) {
-    return (type >= 32 && type <= 35) || type == 39 || (type >= 41 && type <= 44) || (type >= 48 && type <= 55);
+// The header of the unit whose first byte is at `begin`; the flag that
+// marks a picture's first slice is the top bit of the next byte in H.264
+// (first_mb_in_slice == 0) and of the byte after the two-byte header in
+// H.265 (first_slice_segment_in_pic_flag).
+Header read_header(std::span<const std::uint8_t> s, std::size_t begin, Codec codec) {
+    const bool h264 = codec == Codec::h264;
+    Header h{};
+    h.type = h264 ? nal::h264::type(s[begin]) : nal::h265::type(s[begin]);
+    h.vcl = h264 ? nal::h264::is_vcl(h.type) : nal::h265::is_vcl(h.type);
+    const std::size_t flag_at = begin + (h264 ? 1 : 2);
+    h.first_slice = h.vcl && flag_at < s.size() && (s[flag_at] & 0x80) != 0;
+    return h;
+}
+
+// Whether a unit begins a new access unit when a picture is already under
+// way: a picture's first slice, or a unit that may only come before one.
+bool starts_access_unit(const Header& h, Codec codec) {
+    if (h.vcl) return h.first_slice;
+    return codec == Codec::h264 ? nal::h264::starts_access_unit(h.type) : nal::h265::starts_access_unit(h.type);
+}
+
+std::size_t next_start_code(std::span<const std::uint8_t> s, std::size_t from) {
+    return nal::find_start_code3(s.data(), s.size(), from);
 }
 
 }  // namespace
@@ -26,24 +50,6 @@ std::vector<Nal> split_nal_units(std::span<const std::uint8_t> s, Codec codec) {
     return nals;
 }
 
-namespace {
-
-// Index of the next 00 00 01 at or after `from`, or s.size(): memchr finds
-// the 01 bytes, so long slice payloads are skipped at memory speed.
-std::size_t next_start_code(std::span<const std::uint8_t> s, std::size_t from) {
-    std::size_t j = from + 2;
-    while (j < s.size()) {
-        const void* hit = std::memchr(s.data() + j, 1, s.size() - j);
-        if (hit == nullptr) break;
-        j = static_cast<std::size_t>(static_cast<const std::uint8_t*>(hit) - s.data());
-        if (s[j - 1] == 0 && s[j - 2] == 0) return j - 2;
-        ++j;
-    }
-    return s.size();
-}
-
-}  // namespace
-
 void split_nal_units(std::span<const std::uint8_t> s, Codec codec, std::vector<Nal>& nals, bool stop_at_picture) {
     nals.clear();
     std::size_t prev_end = 0;
@@ -52,17 +58,8 @@ void split_nal_units(std::span<const std::uint8_t> s, Codec codec, std::vector<N
         // A zero right before 00 00 01 belongs to a four-byte start code.
         const std::size_t sc_begin = (i > prev_end && s[i - 1] == 0) ? i - 1 : i;
         if (begin >= s.size()) break;  // a start code with nothing behind it
-        Nal n{sc_begin, begin, 0, 0, false, false};
-        if (codec == Codec::h264) {
-            n.type = s[begin] & 0x1F;
-            n.vcl = h264_vcl(n.type);
-            n.first_slice = n.vcl && begin + 1 < s.size() && (s[begin + 1] & 0x80) != 0;  // first_mb_in_slice == 0
-        } else {
-            n.type = (s[begin] >> 1) & 0x3F;
-            n.vcl = h265_vcl(n.type);
-            // first_slice_segment_in_pic_flag
-            n.first_slice = n.vcl && begin + 2 < s.size() && (s[begin + 2] & 0x80) != 0;
-        }
+        const Header h = read_header(s, begin, codec);
+        Nal n{sc_begin, begin, 0, h.type, h.vcl, h.first_slice};
         if (stop_at_picture && n.vcl) {
             // The slice data behind the first picture is never walked.
             n.size = s.size() - begin;
@@ -86,9 +83,7 @@ std::vector<AccessUnit> group_access_units(const std::vector<Nal>& nals, Codec c
     bool has_picture = false;
     for (std::size_t k = 0; k < nals.size(); ++k) {
         const Nal& n = nals[k];
-        const bool starts_new = has_picture && ((n.vcl && n.first_slice) ||
-                                                (!n.vcl && (codec == Codec::h264 ? h264_starts_access_unit(n.type)
-                                                                                 : h265_starts_access_unit(n.type))));
+        const bool starts_new = has_picture && starts_access_unit({n.type, n.vcl, n.first_slice}, codec);
         if (starts_new) {
             aus.push_back({begin, k});
             begin = k;
@@ -108,10 +103,12 @@ std::optional<Codec> codec_of(std::span<const std::uint8_t> s, const std::vector
         // and (for base-layer streams) a zero layer id; parameter sets,
         // delimiters and SEI units of one standard read as nothing valid in
         // the other.
-        const int h265_type = (b0 >> 1) & 0x3F;
-        if ((b0 & 0x81) == 0 && b1 >= 1 && b1 <= 7 && h265_type >= 32 && h265_type <= 40) return Codec::h265;
-        const int h264_type = b0 & 0x1F;
-        if ((b0 & 0x80) == 0 && h264_type >= 6 && h264_type <= 9) return Codec::h264;
+        const int h265_type = nal::h265::type(b0);
+        if ((b0 & 0x81) == 0 && b1 >= 1 && b1 <= 7 && h265_type >= nal::h265::kVps && h265_type <= 40) {
+            return Codec::h265;
+        }
+        const int h264_type = nal::h264::type(b0);
+        if ((b0 & 0x80) == 0 && h264_type >= nal::h264::kSei && h264_type <= nal::h264::kAud) return Codec::h264;
     }
     return std::nullopt;
 }
@@ -148,22 +145,17 @@ std::optional<std::span<const std::uint8_t>> AccessUnitSplitter::next() {
         }
         scan_ = header;
         if (header >= s.size()) continue;
-        const int type = codec_ == Codec::h264 ? s[header] & 0x1F : (s[header] >> 1) & 0x3F;
-        const bool vcl = codec_ == Codec::h264 ? h264_vcl(type) : h265_vcl(type);
-        const std::size_t flag_at = header + (codec_ == Codec::h264 ? 1 : 2);
-        const bool first_slice = vcl && flag_at < s.size() && (s[flag_at] & 0x80) != 0;
-        const bool starts_new = has_picture_ && ((vcl && first_slice) ||
-                                                 (!vcl && (codec_ == Codec::h264 ? h264_starts_access_unit(type)
-                                                                                 : h265_starts_access_unit(type))));
+        const Header h = read_header(s, header, codec_);
+        const bool starts_new = has_picture_ && starts_access_unit(h, codec_);
         if (starts_new) {
             // A zero right before 00 00 01 belongs to a four-byte start code.
             const std::size_t sc_begin = i > au_begin_ && s[i - 1] == 0 ? i - 1 : i;
             const std::size_t begin = au_begin_;
             au_begin_ = sc_begin;
-            has_picture_ = vcl;
+            has_picture_ = h.vcl;
             return s.subspan(begin, sc_begin - begin);
         }
-        has_picture_ = has_picture_ || vcl;
+        has_picture_ = has_picture_ || h.vcl;
     }
 }
 

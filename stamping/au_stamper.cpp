@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "h26x/nal.h"
+
 namespace tcstamp {
 
 namespace {
@@ -12,10 +14,11 @@ bool parse_two_digits(const std::string& t, std::size_t at, int max, int& out) {
     return out <= max;
 }
 
-// The unit types the library's random-access test looks for: parameter
-// sets and IDR pictures.
-bool library_random_access_type(Codec codec, int type) {
-    return codec == Codec::h264 ? (type == 7 || type == 8 || type == 5) : (type >= 32 && type <= 34) || type == 19;
+// The units the library's random-access test looks for: parameter sets and
+// IDR pictures.
+bool library_random_access(Codec codec, int type) {
+    return codec == Codec::h264 ? quillane::nal::h264::is_random_access_type(type)
+                                : quillane::nal::h265::is_random_access_type(type);
 }
 
 template <typename TC>
@@ -69,7 +72,7 @@ void AccessUnitStamper::count(std::span<const std::uint8_t> au, const std::vecto
     const std::size_t capacity = sizeof units.list / sizeof units.list[0];
     std::size_t n = 0;
     for (std::size_t k = 0; k < picture && n + 1 < capacity; ++k) {
-        if (!library_random_access_type(config_.codec, nals[k].type)) continue;
+        if (!library_random_access(config_.codec, nals[k].type)) continue;
         units.list[n].position = nals[k].sc_begin;
         units.list[n].nalu = au[nals[k].offset];
         ++n;

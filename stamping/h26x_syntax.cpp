@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "h26x/nal.h"
 #include "util_function.h"
 
 namespace tcstamp {
@@ -250,29 +251,12 @@ void h265_vui_parameters(Bits& b, H265Sps& s) {
 std::vector<std::uint8_t> unescape(std::span<const std::uint8_t> nal, std::size_t limit) {
     std::vector<std::uint8_t> out;
     out.reserve(std::min(nal.size(), limit));
-    int zeros = 0;
-    for (std::uint8_t byte : nal) {
-        if (out.size() >= limit) break;
-        if (zeros >= 2 && byte == 3) {
-            zeros = 0;
-            continue;
-        }
-        out.push_back(byte);
-        zeros = byte == 0 ? zeros + 1 : 0;
-    }
+    quillane::nal::unescape(nal.data(), nal.size(), limit, [&out](std::uint8_t b) { out.push_back(b); });
     return out;
 }
 
 void escape_into(std::span<const std::uint8_t> rbsp, std::vector<std::uint8_t>& out) {
-    int zeros = 0;
-    for (std::uint8_t byte : rbsp) {
-        if (zeros >= 2 && byte <= 3) {
-            out.push_back(3);
-            zeros = 0;
-        }
-        out.push_back(byte);
-        zeros = byte == 0 ? zeros + 1 : 0;
-    }
+    quillane::nal::escape(rbsp.data(), rbsp.size(), [&out](std::uint8_t b) { out.push_back(b); });
 }
 
 std::optional<H264Sps> parse_h264_sps(std::span<const std::uint8_t> nal) {
@@ -353,7 +337,7 @@ std::optional<H264SliceHeader> parse_h264_slice_header(std::span<const std::uint
     Bits b(rbsp);
     H264SliceHeader h;
     h.nal_ref_idc = (nal[0] >> 5) & 3;
-    h.idr = (nal[0] & 0x1F) == 5;
+    h.idr = quillane::nal::h264::type(nal[0]) == quillane::nal::h264::kIdr;
     h.first_mb_in_slice = static_cast<int>(b.ue());
     h.slice_type = b.ue_max(9);
     h.pic_parameter_set_id = b.ue_max(255);
@@ -442,6 +426,8 @@ std::optional<ClockTimestamp> parse_h265_time_code(std::span<const std::uint8_t>
     return first;
 }
 
+// Reads the syntax elements in the order the SPS carries them, up to the
+// ones stamping needs; cut into pieces it would no longer read as one table.
 std::optional<H265Sps> parse_h265_sps(std::span<const std::uint8_t> nal) {
     if (nal.size() < 4) return std::nullopt;
     const std::vector<std::uint8_t> rbsp = unescape(nal.subspan(2), kHeaderBytes);
@@ -520,18 +506,13 @@ std::optional<H265Pps> parse_h265_pps(std::span<const std::uint8_t> nal) {
     return p;
 }
 
-namespace {
-bool h265_irap(int type) { return type >= 16 && type <= 23; }
-bool h265_idr(int type) { return type == 19 || type == 20; }
-}  // namespace
-
 std::optional<int> h265_slice_pps_id(std::span<const std::uint8_t> nal) {
     if (nal.size() < 3) return std::nullopt;
     const std::vector<std::uint8_t> rbsp = unescape(nal.subspan(2), 16);
     Bits b(rbsp);
-    const int type = (nal[0] >> 1) & 0x3F;
+    const int type = quillane::nal::h265::type(nal[0]);
     b.u(1);                       // first_slice_segment_in_pic_flag
-    if (h265_irap(type)) b.u(1);  // no_output_of_prior_pics_flag
+    if (quillane::nal::h265::is_irap(type)) b.u(1);  // no_output_of_prior_pics_flag
     const int id = b.ue_max(63);
     if (!b.ok()) return std::nullopt;
     return id;
@@ -543,10 +524,10 @@ std::optional<H265SliceHeader> parse_h265_slice_header(std::span<const std::uint
     const std::vector<std::uint8_t> rbsp = unescape(nal.subspan(2), 64);
     Bits b(rbsp);
     H265SliceHeader h;
-    h.nal_unit_type = (nal[0] >> 1) & 0x3F;
+    h.nal_unit_type = quillane::nal::h265::type(nal[0]);
     h.temporal_id = (nal[1] & 7) - 1;
     h.first_slice_segment_in_pic_flag = b.flag();
-    if (h265_irap(h.nal_unit_type)) b.u(1);  // no_output_of_prior_pics_flag
+    if (quillane::nal::h265::is_irap(h.nal_unit_type)) b.u(1);  // no_output_of_prior_pics_flag
     h.slice_pic_parameter_set_id = b.ue_max(63);
     // Only a picture's first segment is read: it has neither
     // dependent_slice_segment_flag nor slice_segment_address.
@@ -555,7 +536,7 @@ std::optional<H265SliceHeader> parse_h265_slice_header(std::span<const std::uint
     h.slice_type = b.ue_max(2);
     if (pps.output_flag_present_flag) h.pic_output_flag = b.flag();
     if (sps.separate_colour_plane_flag) b.u(2);  // colour_plane_id
-    if (!h265_idr(h.nal_unit_type)) h.slice_pic_order_cnt_lsb = static_cast<int>(b.u(sps.log2_max_pic_order_cnt_lsb));
+    if (!quillane::nal::h265::is_idr(h.nal_unit_type)) h.slice_pic_order_cnt_lsb = static_cast<int>(b.u(sps.log2_max_pic_order_cnt_lsb));
     if (!b.ok() || h.temporal_id < 0) return std::nullopt;
     return h;
 }

@@ -2,7 +2,11 @@
 
 #include <algorithm>
 
+#include "h26x/nal.h"
+
 namespace tcstamp {
+
+namespace nal = quillane::nal;
 
 namespace {
 
@@ -10,14 +14,13 @@ namespace {
 // picture buffer can hold.
 constexpr int kMaxReorder = 16;
 
-bool h265_irap(int type) { return type >= 16 && type <= 23; }
 bool h265_rasl(int type) { return type == 8 || type == 9; }
 bool h265_radl_or_rasl(int type) { return type >= 6 && type <= 9; }
 // Sub-layer non-reference pictures: the even types up to 14.
 bool h265_sub_layer_non_reference(int type) { return type <= 14 && type % 2 == 0; }
 
 bool random_access_type(Codec codec, int type) {
-    return codec == Codec::h264 ? (type == 7 || type == 8 || type == 5) : (type >= 32 && type <= 34) || type == 19;
+    return codec == Codec::h264 ? nal::h264::is_random_access_type(type) : nal::h265::is_random_access_type(type);
 }
 
 // An end of sequence or of stream closes its access unit, behind the
@@ -30,8 +33,8 @@ bool ends_with_end_of_sequence(std::span<const std::uint8_t> au, Codec codec) {
         return false;
     }
     const std::uint8_t b0 = au[end - header];
-    return codec == Codec::h264 ? ((b0 & 0x1F) == 10 || (b0 & 0x1F) == 11)
-                                : (((b0 >> 1) & 0x3F) == 36 || ((b0 >> 1) & 0x3F) == 37);
+    return codec == Codec::h264 ? nal::h264::ends_sequence(nal::h264::type(b0))
+                                : nal::h265::ends_sequence(nal::h265::type(b0));
 }
 
 template <typename T>
@@ -57,14 +60,14 @@ void PictureOrder::learn_parameter_sets(OrderedUnit& u) {
             return;
         }
         if (*codec_ == Codec::h264) {
-            if (n.type == 7) {
+            if (n.type == nal::h264::kSps) {
                 if (auto s = parse_h264_sps(nal)) h264_sps_[static_cast<std::size_t>(s->seq_parameter_set_id)] = *s;
-            } else if (n.type == 8) {
+            } else if (n.type == nal::h264::kPps) {
                 if (auto p = parse_h264_pps(nal)) h264_pps_[static_cast<std::size_t>(p->pic_parameter_set_id)] = *p;
             }
-        } else if (n.type == 33) {
+        } else if (n.type == nal::h265::kSps) {
             if (auto s = parse_h265_sps(nal)) h265_sps_[static_cast<std::size_t>(s->sps_seq_parameter_set_id)] = *s;
-        } else if (n.type == 34) {
+        } else if (n.type == nal::h265::kPps) {
             if (auto p = parse_h265_pps(nal)) h265_pps_[static_cast<std::size_t>(p->pps_pic_parameter_set_id)] = *p;
         }
     }
@@ -140,7 +143,7 @@ bool PictureOrder::order_h265(OrderedUnit& u, bool& new_sequence) {
     u.readable = true;
     u.h265 = sps;
     const int type = h->nal_unit_type;
-    const bool irap = h265_irap(type);
+    const bool irap = nal::h265::is_irap(type);
     // An IDR or BLA picture, or a CRA that begins the stream or follows an
     // end of sequence, starts over: its leading RASL pictures refer to
     // pictures the decoder never had, and are not shown.

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "h26x/nal.h"
 #include "h26x_syntax.h"
 #include "picture_order.h"
 
@@ -14,8 +15,6 @@ namespace {
 
 constexpr int kH264PicTiming = 1;
 constexpr int kH265TimeCode = 136;
-constexpr int kH264Sei = 6;
-constexpr int kH265PrefixSei = 39;
 const char* codec_name(Codec c) { return c == Codec::h264 ? "H.264" : "H.265"; }
 
 std::string rate_text(int fps_x100) {
@@ -234,7 +233,7 @@ bool StreamStamper::Impl::start_timing(const VuiTiming& t, bool h264_frame_ticks
 // a unit holding nothing else goes, a unit holding other messages too is
 // written again without them. The new unit takes the first one's place.
 void StreamStamper::Impl::scan_sei(Unit& u) {
-    const int sei_type = *codec == Codec::h264 ? kH264Sei : kH265PrefixSei;
+    const int sei_type = *codec == Codec::h264 ? quillane::nal::h264::kSei : quillane::nal::h265::kPrefixSei;
     const int target = *codec == Codec::h264 ? kH264PicTiming : kH265TimeCode;
     const std::size_t header = *codec == Codec::h264 ? 1 : 2;
     std::optional<std::size_t> insert_at;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdlib>
 
+#include "h26x/nal.h"
 #include "picture_order.h"
 #include "stream_stamper.h"
 
@@ -97,7 +98,7 @@ struct TimeCodeReader::Impl {
 // Counts the picture's time-code messages and reads the first one's clock.
 void TimeCodeReader::Impl::read_sei(Unit& u) {
     const Codec codec = *order.codec();
-    const int sei_type = codec == Codec::h264 ? 6 : 39;
+    const int sei_type = codec == Codec::h264 ? quillane::nal::h264::kSei : quillane::nal::h265::kPrefixSei;
     const int target = codec == Codec::h264 ? kH264PicTiming : kH265TimeCode;
     const std::size_t header = codec == Codec::h264 ? 1 : 2;
     for (std::size_t k = 0; k < u.picture; ++k) {

@@ -1,11 +1,14 @@
-// A plain, byte-by-byte NAL unit scanner written straight from the scanning
-// rules, used to judge the library's scanners on random frames.
+// A plain, byte-by-byte start-code search and NAL unit scanner written
+// straight from the scanning rules, used to judge the library's searches and
+// scanners on random frames (by the tests and the scanner fuzz target).
 #pragma once
 
 #include <cstdint>
 #include <functional>
 #include <random>
 #include <vector>
+
+#include "h26x/nal.h"
 
 namespace qtest {
 
@@ -22,32 +25,46 @@ struct RefScan {
     std::vector<RefUnit> units;
 };
 
-inline bool ref_picture_h264(int b) { return (b & 0x1F) == 1 || (b & 0x1F) == 5; }
-inline bool ref_picture_h265(int b) { return ((b >> 1) & 0x3F) == 1 || ((b >> 1) & 0x3F) == 19; }
-inline bool ref_picture_any(int b) { return ref_picture_h264(b) || ref_picture_h265(b); }
+inline bool ref_picture_h264(int b) { return quillane::nal::h264::is_picture(b); }
+inline bool ref_picture_h265(int b) { return quillane::nal::h265::is_picture(b); }
+inline bool ref_picture_any(int b) { return quillane::nal::is_picture_any(b); }
+
+// The first start code at or after `from`: 00 00 00 01 with its header byte
+// still inside the frame; -1 if there is none.
+inline std::int64_t ref_find_start_code(const std::uint8_t* b, std::int64_t from, std::int64_t size) {
+    for (std::int64_t i = from < 0 ? 0 : from; i < size - 4; ++i) {
+        if (b[i] == 0 && b[i + 1] == 0 && b[i + 2] == 0 && b[i + 3] == 1) return i;
+    }
+    return -1;
+}
+
+// Every start code of a frame; after one the search goes on behind it.
+inline std::vector<std::int64_t> ref_start_codes(const std::uint8_t* b, std::int64_t size) {
+    std::vector<std::int64_t> out;
+    for (std::int64_t i = 0; (i = ref_find_start_code(b, i, size)) >= 0; i += 4) out.push_back(i);
+    return out;
+}
 
 // max_units: the scan fails once this many units are found (8 for V1).
 inline RefScan reference_scan(const std::vector<std::uint8_t>& f, bool analyze_all,
                               const std::function<bool(int)>& picture, std::size_t max_units = SIZE_MAX) {
     RefScan r;
     const std::int64_t n = static_cast<std::int64_t>(f.size());
-    std::int64_t i = 0;
-    for (; i < n - 4; ++i) {
-        if (f[i] == 0 && f[i + 1] == 0 && f[i + 2] == 0 && f[i + 3] == 1) {
-            if (!r.units.empty()) r.units.back().length = static_cast<std::uint64_t>(i) - r.units.back().position;
-            r.units.push_back({static_cast<std::uint64_t>(i), f[i + 4], 0});
-            if (r.units.size() >= max_units) {
-                r.too_many = true;
-                return r;
-            }
-            i += 3;  // the loop's step makes it i + 4
-            if (!analyze_all && picture(f[i + 1])) {
-                ++i;
-                break;
-            }
+    std::int64_t next = 0;  // where the search goes on
+    bool found_picture = false;
+    for (std::int64_t i; !found_picture && (i = ref_find_start_code(f.data(), next, n)) >= 0;) {
+        if (!r.units.empty()) r.units.back().length = static_cast<std::uint64_t>(i) - r.units.back().position;
+        r.units.push_back({static_cast<std::uint64_t>(i), f[i + 4], 0});
+        if (r.units.size() >= max_units) {
+            r.too_many = true;
+            return r;
         }
+        next = i + 4;
+        found_picture = !analyze_all && picture(f[i + 4]);
     }
-    if ((!analyze_all && i >= n - 4) || r.units.empty()) return r;
+    // A picture whose start code leaves fewer than five bytes behind it
+    // counts as not found.
+    if ((!analyze_all && (!found_picture || next >= n - 4)) || r.units.empty()) return r;
     r.units.back().length = static_cast<std::uint64_t>(n) - r.units.back().position;
     r.ok = true;
     return r;

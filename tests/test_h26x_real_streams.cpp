@@ -16,6 +16,7 @@
 #include <map>
 #include <string_view>
 
+#include "h26x/nal.h"
 #include "test_support.h"
 
 using namespace qtest;
@@ -38,13 +39,14 @@ const Codec kH265{"H265", ENUM_UTIL_H265_STREAM_TYPE,
 void PrintTo(const Codec& c, std::ostream* os) { *os << c.name; }
 
 int unit_type(const Codec& c, int header) {
-    return c.type == ENUM_UTIL_H264_STREAM_TYPE ? header & 0x1F : (header >> 1) & 0x3F;
+    return c.type == ENUM_UTIL_H264_STREAM_TYPE ? quillane::nal::h264::type(header) : quillane::nal::h265::type(header);
 }
 
 // The units the scanners stop at. x265 without B-frames codes its keyframes
 // as IDR_N_LP (20) and CRA (21), which are not among them.
 bool is_picture(const Codec& c, int type) {
-    return c.type == ENUM_UTIL_H264_STREAM_TYPE ? type == 1 || type == 5 : type == 1 || type == 19;
+    return c.type == ENUM_UTIL_H264_STREAM_TYPE ? quillane::nal::h264::is_picture_type(type)
+                                                : quillane::nal::h265::is_picture_type(type);
 }
 
 bool on_path(const std::string& tool) {

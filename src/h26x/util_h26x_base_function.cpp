@@ -1,5 +1,5 @@
-// H.26x stream base: the bit reader, the three NAL unit scanners and the
-// stream-to-file writers.
+// H.26x stream base: the start-code search, the bit reader, the three NAL
+// unit scanners and the stream-to-file writers.
 #include "util_h26x_base_function.h"
 
 #include <fcntl.h>
@@ -17,6 +17,7 @@
 #endif
 
 #include "core/util_alloc.h"
+#include "h26x/nal.h"
 #include "h26x/util_h26x_base_internal.h"
 #include "core/util_msg.h"
 
@@ -24,14 +25,7 @@ namespace quillane {
 
 namespace {
 
-// 00 00 00 01 read as one little-endian word.
-constexpr std::uint32_t kStartCodeWord = 0x01000000u;
-
-inline bool start_code_at(const UTIL_UCHAR* buf, std::int64_t i) noexcept {
-    std::uint32_t w;
-    std::memcpy(&w, buf + i, sizeof w);
-    return w == kStartCodeWord;
-}
+inline bool start_code_at(const UTIL_UCHAR* buf, std::int64_t i) noexcept { return nal::start_code4_at(buf + i); }
 
 // Positions from..last one at a time.
 inline std::int64_t scan_bytes(const UTIL_UCHAR* buf, std::int64_t from, std::int64_t last) noexcept {
@@ -317,32 +311,39 @@ std::int64_t find_start_code(const UTIL_UCHAR* buf, std::int64_t from, std::int6
 }  // namespace quillane
 
 using quillane::find_start_code;
+namespace nal = quillane::nal;
+
+// The public header names the types the library stops at; they are the
+// NAL layer's.
+static_assert(nal::h264::kSlice == ENUM_UTIL_H264_FRAME_NALU_TYPE_P && nal::h264::kIdr == ENUM_UTIL_H264_FRAME_NALU_TYPE_IDR &&
+              nal::h264::kSps == ENUM_UTIL_H264_FRAME_NALU_TYPE_SPS && nal::h264::kPps == ENUM_UTIL_H264_FRAME_NALU_TYPE_PPS);
+static_assert(nal::h265::kTrailR == ENUM_UTIL_H265_FRAME_NALU_TYPE_P &&
+              nal::h265::kIdrWRadl == ENUM_UTIL_H265_FRAME_NALU_TYPE_IDR &&
+              nal::h265::kVps == ENUM_UTIL_H265_FRAME_NALU_TYPE_VPS &&
+              nal::h265::kSps == ENUM_UTIL_H265_FRAME_NALU_TYPE_SPS &&
+              nal::h265::kPps == ENUM_UTIL_H265_FRAME_NALU_TYPE_PPS);
 
 namespace {
 
-bool is_picture_h264(UTIL_S32 b) noexcept {
-    const int type = b & 0x1F;
-    return type == ENUM_UTIL_H264_FRAME_NALU_TYPE_P || type == ENUM_UTIL_H264_FRAME_NALU_TYPE_IDR;
-}
-
-bool is_picture_h265(UTIL_S32 b) noexcept {
-    const int type = (b >> 1) & 0x3F;
-    return type == ENUM_UTIL_H265_FRAME_NALU_TYPE_P || type == ENUM_UTIL_H265_FRAME_NALU_TYPE_IDR;
-}
-
-// V1 knows its codec; V2 and V3 do not and accept a picture of either.
-bool is_picture_for(UTIL_H26X_STREAM_TYPE_ENUM type, UTIL_S32 b) noexcept {
-    switch (type) {
-        case ENUM_UTIL_H264_STREAM_TYPE:
-            return is_picture_h264(b);
-        case ENUM_UTIL_H265_STREAM_TYPE:
-            return is_picture_h265(b);
-        default:
-            return false;
+// V1 knows its codec; a type that is neither never finds a picture.
+struct CodecPicture {
+    UTIL_H26X_STREAM_TYPE_ENUM type;
+    bool operator()(int header) const noexcept {
+        switch (type) {
+            case ENUM_UTIL_H264_STREAM_TYPE:
+                return nal::h264::is_picture(header);
+            case ENUM_UTIL_H265_STREAM_TYPE:
+                return nal::h265::is_picture(header);
+            default:
+                return false;
+        }
     }
-}
+};
 
-bool is_picture_any(UTIL_S32 b) noexcept { return is_picture_h264(b) || is_picture_h265(b); }
+// V2 and V3 are not told the codec and stop at a picture of either.
+struct AnyPicture {
+    bool operator()(int header) const noexcept { return nal::is_picture_any(header); }
+};
 
 // Whether a scan that was to stop at a picture failed to: it ran out of
 // start codes, or the picture's start code lies so close to the end that the
@@ -350,6 +351,121 @@ bool is_picture_any(UTIL_S32 b) noexcept { return is_picture_h264(b) || is_pictu
 bool missed_picture(UTIL_S32 analyzeAllFlag, bool stopped, std::int64_t pos, std::int64_t frame_size) noexcept {
     return analyzeAllFlag == 0 && (!stopped || pos >= frame_size - 4);
 }
+
+// The one walk over a frame's units. V1, V2 and V3 list the same units and
+// differ only in where they keep them (the caller's fixed record, one array
+// of the exact size, a chain of nodes): each hands the walk a sink whose
+// take(position, header byte) keeps a unit, or writes its message and
+// answers false when it cannot.
+//
+// From `from` on, every unit goes to the sink, up to the first picture
+// unless analyzeAllFlag is set. Returns the number of units, or -1 when the
+// sink refused one, or when there was no unit or not the picture looked for
+// (said on behalf of the operation `where` names).
+template <class Sink, class IsPicture>
+[[gnu::always_inline]] inline int walk_units(const UTIL_UCHAR* buf, std::int64_t from, std::int64_t size,
+                                             UTIL_S32 analyzeAllFlag, IsPicture is_picture, Sink& sink,
+                                             const quillane::Where& where) noexcept {
+    int count = 0;
+    std::int64_t pos = from;
+    bool stopped = false;
+    for (std::int64_t i; (i = find_start_code(buf, pos, size)) >= 0;) {
+        const UTIL_UCHAR header = buf[i + 4];
+        if (!sink.take(i, header)) return -1;
+        ++count;
+        pos = i + 4;
+        if (analyzeAllFlag == 0 && is_picture(header)) {
+            stopped = true;
+            break;
+        }
+    }
+    if (missed_picture(analyzeAllFlag, stopped, pos, size) || count == 0) {
+        UTIL_DBG_ERR_AT(where, "error: no IDR or P frame nalu type!!!");
+        return -1;
+    }
+    return count;
+}
+
+// V1: the caller's record holds seven units and the terminator; the eighth
+// unit fails the scan.
+struct RecordSink {
+    static constexpr int kMax = 8;
+    util_h26x_frame_buf_info_t* rec;
+    const quillane::Where& where;
+    int count = 0;
+    std::int64_t last = 0;
+
+    bool take(std::int64_t i, UTIL_UCHAR header) noexcept {
+        util_h26x_frame_buf_info_one_t& unit = rec->list[count];
+        unit.position = static_cast<UTIL_U64>(i);
+        if (count > 0) rec->list[count - 1].length = static_cast<UTIL_U64>(i - last);
+        unit.nalu = header;
+        last = i;
+        if (++count >= kMax) {
+            UTIL_DBG_ERR_AT(where, "error: max is out of range!!! max=%d", kMax);
+            return false;
+        }
+        return true;
+    }
+};
+
+// V2's first pass: every unit counted, the first kLocal of them remembered
+// on the stack, so that a frame of up to kLocal units is read only once and
+// the array is still allocated once, at its exact size, after counting.
+struct StackSink {
+    static constexpr int kLocal = 512;
+    std::uint32_t pos[kLocal];
+    UTIL_UCHAR header[kLocal];
+    int n = 0;
+
+    bool take(std::int64_t i, UTIL_UCHAR h) noexcept {
+        if (n < kLocal) {
+            pos[n] = static_cast<std::uint32_t>(i);
+            header[n] = h;
+        }
+        ++n;
+        return true;
+    }
+};
+
+// V2's array, filled from unit `n` on; the unit before it is in place.
+struct ArraySink {
+    util_h26x_frame_buf_info_one_t* units;
+    int n;
+
+    bool take(std::int64_t i, UTIL_UCHAR header) noexcept {
+        units[n].position = static_cast<UTIL_U64>(i);
+        if (n > 0) units[n - 1].length = static_cast<UTIL_U64>(i) - units[n - 1].position;
+        units[n].nalu = header;
+        ++n;
+        return true;
+    }
+};
+
+// V3: each unit fills the node at the end of the chain and hangs a fresh,
+// empty one behind it, which the terminator fills.
+struct ChainSink {
+    using Node = util_h26x_frame_buf_info_one_node_t;
+    util_link_h26x_frame_buf_info_t* link;
+    const quillane::Where& where;
+    Node* cur;
+    Node* prev = nullptr;
+
+    bool take(std::int64_t i, UTIL_UCHAR header) noexcept {
+        cur->hfbi.position = static_cast<UTIL_U64>(i);
+        if (prev != nullptr) prev->hfbi.length = static_cast<UTIL_U64>(i) - prev->hfbi.position;
+        cur->hfbi.nalu = header;
+        ++link->count;
+        cur->next = static_cast<Node*>(quillane::mem_calloc(1, sizeof(Node)));
+        if (cur->next == nullptr) {
+            UTIL_DBG_ERR_AT(where, "error: link next malloc failed!!!!!");
+            return false;
+        }
+        prev = cur;
+        cur = cur->next;
+        return true;
+    }
+};
 
 UTIL_S32 Func_h26x_base_readBitsToU32(const UTIL_UCHAR* pdata, UTIL_S32 startByteIndex, UTIL_S8 startBitIndex,
                                       UTIL_S32 endByteIndex, UTIL_U8 readBits, UTIL_U32* result) noexcept {
@@ -380,6 +496,7 @@ UTIL_S32 Func_h26x_base_readBitsToU32(const UTIL_UCHAR* pdata, UTIL_S32 startByt
     return 0;
 }
 
+
 UTIL_S32 Func_V1_get_h26x_frame_buf_info_function(util_h26x_frame_buf_info_t* phfbi, UTIL_UCHAR* frame_buf,
                                                   UTIL_S32 frame_size, UTIL_H26X_STREAM_TYPE_ENUM frame_type,
                                                   UTIL_S32 analyzeAllFlag) noexcept {
@@ -387,32 +504,11 @@ UTIL_S32 Func_V1_get_h26x_frame_buf_info_function(util_h26x_frame_buf_info_t* ph
         UTIL_DBG_ERR("error: phfbi or frame_buf is NULL, frame_size:%d!!!", frame_size);
         return -1;
     }
-    constexpr int kMax = 8;
-    int count = 0;
-    std::int64_t last = 0;
-    std::int64_t pos = 0;
-    bool stopped = false;
-    for (std::int64_t i; (i = find_start_code(frame_buf, pos, frame_size)) >= 0;) {
-        util_h26x_frame_buf_info_one_t& unit = phfbi->list[count];
-        unit.position = static_cast<UTIL_U64>(i);
-        if (count > 0) phfbi->list[count - 1].length = static_cast<UTIL_U64>(i - last);
-        unit.nalu = frame_buf[i + 4];
-        last = i;
-        if (++count >= kMax) {
-            UTIL_DBG_ERR("error: max is out of range!!! max=%d", kMax);
-            return -1;
-        }
-        pos = i + 4;
-        if (analyzeAllFlag == 0 && is_picture_for(frame_type, unit.nalu)) {
-            stopped = true;
-            break;
-        }
-    }
-    if (missed_picture(analyzeAllFlag, stopped, pos, frame_size) || count == 0) {
-        UTIL_DBG_ERR("error: no IDR or P frame nalu type!!!");
-        return -1;
-    }
-    phfbi->list[count - 1].length = static_cast<UTIL_U64>(frame_size - last);
+    static constexpr quillane::Where kHere = UTIL_HERE;  // a constant: built only when it speaks
+    RecordSink sink{phfbi, kHere};
+    const int count = walk_units(frame_buf, 0, frame_size, analyzeAllFlag, CodecPicture{frame_type}, sink, kHere);
+    if (count < 0) return -1;
+    phfbi->list[count - 1].length = static_cast<UTIL_U64>(frame_size - sink.last);
     phfbi->list[count].position = static_cast<UTIL_U64>(frame_size);
     phfbi->list[count].length = 0;
     phfbi->count = count;
@@ -440,33 +536,10 @@ UTIL_S32 Func_V2_init_list_h26x_frame_buf_info_function(util_list_h26x_frame_buf
     }
     const UTIL_UCHAR* buf = phfbiList->frame_addr;
     const std::int64_t size = phfbiList->frame_size;
-
-    // First pass: every unit counted, the first kLocal of them remembered on
-    // the stack, so that a frame of up to kLocal units is read only once and
-    // the array is still allocated once, at its exact size, after counting.
-    constexpr int kLocal = 512;
-    std::uint32_t local_pos[kLocal];
-    UTIL_UCHAR local_nalu[kLocal];
-    int total = 0;
-    std::int64_t pos = 0;
-    bool stopped = false;
-    for (std::int64_t i; (i = find_start_code(buf, pos, size)) >= 0;) {
-        const UTIL_UCHAR nalu = buf[i + 4];
-        if (total < kLocal) {
-            local_pos[total] = static_cast<std::uint32_t>(i);
-            local_nalu[total] = nalu;
-        }
-        ++total;
-        pos = i + 4;
-        if (analyzeAllFlag == 0 && is_picture_any(nalu)) {
-            stopped = true;
-            break;
-        }
-    }
-    if (missed_picture(analyzeAllFlag, stopped, pos, size) || total == 0) {
-        UTIL_DBG_ERR("error: no IDR or P frame nalu type!!!");
-        return -1;
-    }
+    static constexpr quillane::Where kHere = UTIL_HERE;
+    StackSink seen;
+    const int total = walk_units(buf, 0, size, analyzeAllFlag, AnyPicture{}, seen, kHere);
+    if (total < 0) return -1;
 
     if (phfbiList->phfbi != nullptr) {
         Func_V2_exit_list_h26x_frame_buf_info_function(phfbiList);
@@ -479,26 +552,13 @@ UTIL_S32 Func_V2_init_list_h26x_frame_buf_info_function(util_list_h26x_frame_buf
     }
     phfbiList->phfbi = units;
     phfbiList->hfbiMax = total;
-    const int remembered = total < kLocal ? total : kLocal;
-    for (int n = 0; n < remembered; ++n) {
-        units[n].position = local_pos[n];
-        units[n].nalu = local_nalu[n];
-        if (n > 0) units[n - 1].length = local_pos[n] - local_pos[n - 1];
-    }
-
-    // Second pass, only for frames of more units than were remembered.
-    if (total > kLocal) {
-        std::int64_t last = local_pos[kLocal - 1];
-        int n = kLocal;
-        pos = last + 4;
-        for (std::int64_t i; n < total && (i = find_start_code(buf, pos, size)) >= 0;) {
-            units[n].position = static_cast<UTIL_U64>(i);
-            units[n - 1].length = static_cast<UTIL_U64>(i - last);
-            units[n].nalu = buf[i + 4];
-            last = i;
-            ++n;
-            pos = i + 4;
-        }
+    ArraySink fill{units, 0};
+    const int remembered = total < StackSink::kLocal ? total : StackSink::kLocal;
+    for (int n = 0; n < remembered; ++n) fill.take(seen.pos[n], seen.header[n]);
+    if (total > remembered) {
+        // The units past the remembered ones, walked again from the last of
+        // those: the same walk ends at the same unit.
+        walk_units(buf, seen.pos[remembered - 1] + 4, size, analyzeAllFlag, AnyPicture{}, fill, kHere);
     }
     units[total - 1].length = static_cast<UTIL_U64>(size) - units[total - 1].position;
     return 0;
@@ -537,37 +597,13 @@ UTIL_S32 Func_V3_init_link_h26x_frame_buf_info_function(util_link_h26x_frame_buf
         UTIL_DBG_ERR("error: link head malloc failed!!!!!");
         return -1;
     }
-    const UTIL_UCHAR* buf = phfbiLink->frame_addr;
     const std::int64_t size = phfbiLink->frame_size;
-    Node* cur = phfbiLink->head;
-    Node* prev = nullptr;
-    std::int64_t pos = 0;
-    bool stopped = false;
-    for (std::int64_t i; (i = find_start_code(buf, pos, size)) >= 0;) {
-        cur->hfbi.position = static_cast<UTIL_U64>(i);
-        if (prev != nullptr) prev->hfbi.length = static_cast<UTIL_U64>(i) - prev->hfbi.position;
-        cur->hfbi.nalu = buf[i + 4];
-        ++phfbiLink->count;
-        cur->next = static_cast<Node*>(quillane::mem_calloc(1, sizeof(Node)));
-        if (cur->next == nullptr) {
-            UTIL_DBG_ERR("error: link next malloc failed!!!!!");
-            return -1;
-        }
-        prev = cur;
-        cur = cur->next;
-        pos = i + 4;
-        if (analyzeAllFlag == 0 && is_picture_any(prev->hfbi.nalu)) {
-            stopped = true;
-            break;
-        }
-    }
-    if (missed_picture(analyzeAllFlag, stopped, pos, size) || phfbiLink->count == 0) {
-        UTIL_DBG_ERR("error: no IDR or P frame nalu type!!!");
-        return -1;
-    }
-    prev->hfbi.length = static_cast<UTIL_U64>(size) - prev->hfbi.position;
-    cur->hfbi.position = static_cast<UTIL_U64>(size);
-    cur->hfbi.length = 0;
+    static constexpr quillane::Where kHere = UTIL_HERE;
+    ChainSink chain{phfbiLink, kHere, phfbiLink->head};
+    if (walk_units(phfbiLink->frame_addr, 0, size, analyzeAllFlag, AnyPicture{}, chain, kHere) < 0) return -1;
+    chain.prev->hfbi.length = static_cast<UTIL_U64>(size) - chain.prev->hfbi.position;
+    chain.cur->hfbi.position = static_cast<UTIL_U64>(size);
+    chain.cur->hfbi.length = 0;
     return 0;
 }
 

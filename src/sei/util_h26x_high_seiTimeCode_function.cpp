@@ -11,9 +11,12 @@
 #include <cstdint>
 #include <cstring>
 #include <ctime>
+#include <iterator>
+#include <utility>
 
 #include "core/util_alloc.h"
 #include "common/util_common_high_internal.h"
+#include "h26x/nal.h"
 #include "h26x/util_h26x_base_internal.h"
 #include "sei/util_h26x_high_seiTimeCode_internal.h"
 #include "core/util_msg.h"
@@ -133,16 +136,8 @@ ClockView view_time_code(util_h26x_sei_tim_t* phst) noexcept {
 }
 
 bool is_random_access(const util_h26x_sei_tim_t* phst, UTIL_S32 nalu) noexcept {
-    if (is_h264(phst)) {
-        const int type = nalu & 0x1F;
-        return type == ENUM_UTIL_H264_FRAME_NALU_TYPE_SPS || type == ENUM_UTIL_H264_FRAME_NALU_TYPE_PPS ||
-               type == ENUM_UTIL_H264_FRAME_NALU_TYPE_IDR;
-    }
-    if (is_h265(phst)) {
-        const int type = (nalu >> 1) & 0x3F;
-        return type == ENUM_UTIL_H265_FRAME_NALU_TYPE_VPS || type == ENUM_UTIL_H265_FRAME_NALU_TYPE_SPS ||
-               type == ENUM_UTIL_H265_FRAME_NALU_TYPE_PPS || type == ENUM_UTIL_H265_FRAME_NALU_TYPE_IDR;
-    }
+    if (is_h264(phst)) return quillane::nal::h264::is_random_access(nalu);
+    if (is_h265(phst)) return quillane::nal::h265::is_random_access(nalu);
     return false;
 }
 
@@ -247,30 +242,40 @@ UTIL_S32 Func_h26x_high_correct_tv_sei_sync_local_time_diffence_func(util_h26x_s
     return 1;
 }
 
+namespace {
+
+// cpb_removal_delay counts field periods since the last random-access frame
+// and should be back at max on the next one. Reported on behalf of the
+// operation `where` names.
+void advance_cpb_removal_delay(util_h26x_sei_tim_t* phst, UTIL_S32 fps, const quillane::Where& where) noexcept {
+    util_h264_sei_timing_t& t = phst->h264_sei;
+    const std::int64_t max = static_cast<std::int64_t>(fps) * 2;
+    if (phst->init_flag == 0) {
+        t.dpb_output_delay = 2;
+        t.cpb_removal_delay = static_cast<UTIL_U32>(max);
+    } else {
+        t.cpb_removal_delay += 2;
+        if (t.cpb_removal_delay > max) t.cpb_removal_delay = 2;
+    }
+    const bool at_max = t.cpb_removal_delay == max;
+    const bool idr = phst->idr_flag == UTIL_TRUE;
+    if (idr != at_max) {
+        UTIL_TRACE_AT(where, "warning, outRange, idr_flag=%d, cpb=%d, max=%d!\n", static_cast<int>(phst->idr_flag),
+                      static_cast<int>(t.cpb_removal_delay), static_cast<int>(max));
+        if (idr) t.cpb_removal_delay = static_cast<UTIL_U32>(max);
+    }
+}
+
+}  // namespace
+
 UTIL_S32 Func_h26x_high_sei_set_timing_nframes(util_h26x_sei_tim_t* phst) noexcept {
+    static constexpr quillane::Where kHere = UTIL_HERE;  // a constant: built only when it speaks
     const UTIL_S32 fps = whole_fps(phst);
     if (phst->init_flag >= 0) {
         if (phst->config_param.setTimeCode_callback != nullptr) {
             phst->config_param.setTimeCode_callback(phst);
         } else if (is_h264(phst)) {
-            // cpb_removal_delay counts field periods since the last
-            // random-access frame and should be back at max on the next one.
-            util_h264_sei_timing_t& t = phst->h264_sei;
-            const std::int64_t max = static_cast<std::int64_t>(fps) * 2;
-            if (phst->init_flag == 0) {
-                t.dpb_output_delay = 2;
-                t.cpb_removal_delay = static_cast<UTIL_U32>(max);
-            } else {
-                t.cpb_removal_delay += 2;
-                if (t.cpb_removal_delay > max) t.cpb_removal_delay = 2;
-            }
-            const bool at_max = t.cpb_removal_delay == max;
-            const bool idr = phst->idr_flag == UTIL_TRUE;
-            if (idr != at_max) {
-                UTIL_TRACE("warning, outRange, idr_flag=%d, cpb=%d, max=%d!\n", static_cast<int>(phst->idr_flag),
-                           static_cast<int>(t.cpb_removal_delay), static_cast<int>(max));
-                if (idr) t.cpb_removal_delay = static_cast<UTIL_U32>(max);
-            }
+            advance_cpb_removal_delay(phst, fps, kHere);
         }
         if (is_h264(phst) || is_h265(phst)) {
             if (phst->init_flag == 0) {
@@ -311,8 +316,12 @@ UTIL_S32 Func_h26x_high_sei_timing_nframes_start_function(util_h26x_sei_tim_t* p
         return -1;
     }
     phst->idr_flag = UTIL_FALSE;
-    // The list holds at most 7 units (and a terminator); never read past it.
-    const int count = phfbi->count < 0 ? 0 : (phfbi->count > 8 ? 8 : phfbi->count);
+    // The record has room for 8 entries: V1 fills at most 7 units and the
+    // terminator, but a caller may build the record itself, so its count is
+    // held to the 8 entries and never read past them.
+    constexpr int kEntries =
+        static_cast<int>(sizeof(util_h26x_frame_buf_info_t::list) / sizeof(util_h26x_frame_buf_info_t::list[0]));
+    const int count = phfbi->count < 0 ? 0 : (phfbi->count > kEntries ? kEntries : phfbi->count);
     for (int k = 0; k < count; ++k) {
         if (is_random_access(phst, phfbi->list[k].nalu)) {
             phst->idr_flag = UTIL_TRUE;
@@ -425,31 +434,166 @@ inline std::uint32_t low_bits(std::uint32_t value, int width) noexcept {
     return width >= 32 ? value : value & ((1u << width) - 1u);
 }
 
-// H.264 picture timing payload and trailing byte from data[7], for widths of
-// at most 32 bits: the two delays, pic_struct and, with a clock timestamp,
-// its fields and time_offset.
-void pack_h264(UTIL_UCHAR* d, const util_h264_sei_timing_t& t, int w_cpb, int w_dpb, int w_offset) noexcept {
-    BitPacker p(d + 7);
-    p.put(low_bits(t.cpb_removal_delay, w_cpb), w_cpb);
-    p.put(low_bits(t.dpb_output_delay, w_dpb), w_dpb);
-    if (t.clock_timestamp_flag != 0) {
-        // pic_struct, clock_timestamp_flag (1 here), ct_type ... n_frames: 24 bits.
-        p.put(static_cast<std::uint32_t>(t.pic_struct) << 20 | 1u << 19 | static_cast<std::uint32_t>(t.ct_type) << 17 |
-                  static_cast<std::uint32_t>(t.nuit_field_based_flag) << 16 |
-                  static_cast<std::uint32_t>(t.counting_type) << 11 |
-                  static_cast<std::uint32_t>(t.full_timestamp_flag) << 10 |
-                  static_cast<std::uint32_t>(t.discontinuity_flag) << 9 |
-                  static_cast<std::uint32_t>(t.cnt_dropped_flag) << 8 | t.n_frames,
-              24);
-        // seconds, minutes, hours: 17 bits.
-        p.put(static_cast<std::uint32_t>(t.seconds_value) << 11 | static_cast<std::uint32_t>(t.minutes_value) << 5 |
-                  t.hours_value,
-              17);
-        p.put(low_bits(t.time_offset, w_offset), w_offset);
-    } else {
-        p.put(static_cast<std::uint32_t>(t.pic_struct) << 1, 5);
+// ---- the H.264 picture timing payload, described once ----
+//
+// Its fields in the order they are written. The two delays and time_offset
+// take their widths from the configuration; every other width is fixed and
+// is that of the bit-field holding the value, so those values need no
+// masking. Fields marked `clock` are there only with clock_timestamp_flag.
+// Both writers follow this table: the packer for widths of at most 32 bits,
+// the bit-by-bit writer beyond.
+using H264Timing = util_h264_sei_timing_t;
+
+enum Configured : int { kFixed, kCpbWidth, kDpbWidth, kOffsetWidth };
+
+struct H264Field {
+    const char* name;
+    int width;  // for kFixed
+    Configured configured;
+    bool clock;
+    UTIL_U32 (*value)(const H264Timing&) noexcept;
+};
+
+#define H264_FIELD(member, width, configured, clock) \
+    {#member, width, configured, clock, [](const H264Timing& t) noexcept -> UTIL_U32 { return t.member; }}
+
+constexpr H264Field kH264PicTiming[] = {
+    H264_FIELD(cpb_removal_delay, 0, kCpbWidth, false),
+    H264_FIELD(dpb_output_delay, 0, kDpbWidth, false),
+    H264_FIELD(pic_struct, 4, kFixed, false),
+    H264_FIELD(clock_timestamp_flag, 1, kFixed, false),
+    H264_FIELD(ct_type, 2, kFixed, true),
+    H264_FIELD(nuit_field_based_flag, 1, kFixed, true),
+    H264_FIELD(counting_type, 5, kFixed, true),
+    H264_FIELD(full_timestamp_flag, 1, kFixed, true),
+    H264_FIELD(discontinuity_flag, 1, kFixed, true),
+    H264_FIELD(cnt_dropped_flag, 1, kFixed, true),
+    H264_FIELD(n_frames, 8, kFixed, true),
+    H264_FIELD(seconds_value, 6, kFixed, true),
+    H264_FIELD(minutes_value, 6, kFixed, true),
+    H264_FIELD(hours_value, 5, kFixed, true),
+    H264_FIELD(time_offset, 0, kOffsetWidth, true),
+};
+
+#undef H264_FIELD
+
+constexpr std::size_t kH264Fields = std::size(kH264PicTiming);
+
+// The configured widths (the configuration stores each less one).
+struct H264Widths {
+    int cpb;
+    int dpb;
+    int offset;
+
+    explicit H264Widths(const util_h26x_sei_tim_config_param_t& c) noexcept
+        : cpb(c.h264_cpb_removal_delay_length + 1),
+          dpb(c.h264_dpb_output_delay_length + 1),
+          offset(c.h264_time_offset_length + 1) {}
+    int of(Configured c) const noexcept { return c == kCpbWidth ? cpb : c == kDpbWidth ? dpb : offset; }
+    bool packable() const noexcept { return cpb <= 32 && dpb <= 32 && offset <= 32; }
+};
+
+constexpr bool present(const H264Field& f, bool clock) noexcept { return clock || !f.clock; }
+
+// Calls fn(field) for every field of the table, each with a constant index,
+// so that the table folds away.
+template <class Fn>
+[[gnu::always_inline]] inline void each_h264_field(Fn&& fn) noexcept {
+    [&]<std::size_t... I>(std::index_sequence<I...>) { (fn(std::integral_constant<std::size_t, I>{}), ...); }(
+        std::make_index_sequence<kH264Fields>{});
+}
+
+// The payload's bits, with or without the clock timestamp.
+template <bool Clock>
+int h264_payload_bits(const H264Widths& w) noexcept {
+    int bits = 0;
+    each_h264_field([&](auto i) {
+        constexpr H264Field f = kH264PicTiming[i];
+        if constexpr (present(f, Clock)) bits += f.configured == kFixed ? f.width : w.of(f.configured);
+    });
+    return bits;
+}
+
+// What the packer puts at once: a configured field alone, or a run of fixed
+// fields side by side in one word of at most 32 bits (the most put() takes).
+struct H264Run {
+    std::size_t first;
+    std::size_t last;  // one past
+    int width;         // for a run of fixed fields
+};
+
+struct H264Runs {
+    H264Run run[kH264Fields];
+    std::size_t n;
+};
+
+template <bool Clock>
+constexpr H264Runs h264_runs() noexcept {
+    H264Runs out{};
+    for (std::size_t i = 0; i < kH264Fields; ++i) {
+        const H264Field& f = kH264PicTiming[i];
+        if (!present(f, Clock)) continue;
+        H264Run* back = out.n > 0 ? &out.run[out.n - 1] : nullptr;
+        const bool joins = f.configured == kFixed && back != nullptr && back->last == i &&
+                           kH264PicTiming[back->first].configured == kFixed && back->width + f.width <= 32;
+        if (joins) {
+            back->last = i + 1;
+            back->width += f.width;
+        } else {
+            out.run[out.n++] = {i, i + 1, f.configured == kFixed ? f.width : 0};
+        }
     }
+    return out;
+}
+
+template <bool Clock>
+inline constexpr H264Runs kH264Runs = h264_runs<Clock>();
+
+template <bool Clock, std::size_t R>
+[[gnu::always_inline]] inline void pack_h264_run(BitPacker& p, const H264Timing& t, const H264Widths& w) noexcept {
+    constexpr H264Run run = kH264Runs<Clock>.run[R];
+    constexpr H264Field head = kH264PicTiming[run.first];
+    if constexpr (head.configured != kFixed) {
+        const int width = w.of(head.configured);
+        p.put(low_bits(head.value(t), width), width);
+    } else {
+        std::uint32_t word = 0;
+        [&]<std::size_t... I>(std::index_sequence<I...>) {
+            ((word = word << kH264PicTiming[run.first + I].width | kH264PicTiming[run.first + I].value(t)), ...);
+        }(std::make_index_sequence<run.last - run.first>{});
+        p.put(word, run.width);
+    }
+}
+
+template <bool Clock>
+void pack_h264_as(UTIL_UCHAR* d, const H264Timing& t, const H264Widths& w) noexcept {
+    BitPacker p(d + 7);
+    [&]<std::size_t... R>(std::index_sequence<R...>) { (pack_h264_run<Clock, R>(p, t, w), ...); }(
+        std::make_index_sequence<kH264Runs<Clock>.n>{});
     p.finish(0x80);
+}
+
+// H.264 picture timing payload and trailing byte from data[7], for widths
+// the packer takes.
+void pack_h264(UTIL_UCHAR* d, const H264Timing& t, const H264Widths& w) noexcept {
+    if (t.clock_timestamp_flag != 0) {
+        pack_h264_as<true>(d, t, w);
+    } else {
+        pack_h264_as<false>(d, t, w);
+    }
+}
+
+// The H.264 payload's fields one by one, for the bit-by-bit writer.
+int h264_rows(const util_h26x_sei_tim_t* pstSei, Field* rows) noexcept {
+    const H264Timing& t = pstSei->h264_sei;
+    const H264Widths w(pstSei->config_param);
+    int n = 0;
+    for (const H264Field& f : kH264PicTiming) {
+        if (present(f, t.clock_timestamp_flag != 0)) {
+            rows[n++] = {f.value(t), f.configured == kFixed ? f.width : w.of(f.configured)};
+        }
+    }
+    return n;
 }
 
 // H.265 time code payload and trailing byte from data[8].
@@ -469,109 +613,105 @@ void pack_h265(UTIL_UCHAR* d, const util_h265_sei_time_code_t& t) noexcept {
     p.finish(0x80);
 }
 
-// The H.264 payload's fields one by one, for the bit-by-bit writer.
-int h264_rows(const util_h26x_sei_tim_t* pstSei, Field* rows) noexcept {
-    const util_h264_sei_timing_t& t = pstSei->h264_sei;
-    const util_h26x_sei_tim_config_param_t& c = pstSei->config_param;
-    int n = 0;
-    rows[n++] = {t.cpb_removal_delay, c.h264_cpb_removal_delay_length + 1};
-    rows[n++] = {t.dpb_output_delay, c.h264_dpb_output_delay_length + 1};
-    rows[n++] = {t.pic_struct, 4};
-    rows[n++] = {t.clock_timestamp_flag, 1};
-    if (t.clock_timestamp_flag != 0) {
-        rows[n++] = {t.ct_type, 2};
-        rows[n++] = {t.nuit_field_based_flag, 1};
-        rows[n++] = {t.counting_type, 5};
-        rows[n++] = {t.full_timestamp_flag, 1};
-        rows[n++] = {t.discontinuity_flag, 1};
-        rows[n++] = {t.cnt_dropped_flag, 1};
-        rows[n++] = {t.n_frames, 8};
-        rows[n++] = {t.seconds_value, 6};
-        rows[n++] = {t.minutes_value, 6};
-        rows[n++] = {t.hours_value, 5};
-        rows[n++] = {t.time_offset, c.h264_time_offset_length + 1};
-    }
-    return n;
-}
-
 // Start code and NAL unit header; the byte after the header (payloadSize for
 // H.264, payloadType for H.265) is part of the eight as well.
-constexpr UTIL_UCHAR kH264Head[8] = {0x00, 0x00, 0x00, 0x01, 0x06, ENUM_UTIL_H264_FRAME_SEI_PAYLOAD_TYPE_PIC_TIMING, 0, 0};
+using quillane::nal::kStartCode;
+constexpr UTIL_UCHAR kH264Head[8] = {kStartCode[0], kStartCode[1], kStartCode[2], kStartCode[3],
+                                     quillane::nal::h264::kSeiHeader, ENUM_UTIL_H264_FRAME_SEI_PAYLOAD_TYPE_PIC_TIMING,
+                                     0, 0};
 constexpr UTIL_UCHAR kH265Head[8] = {
-    0x00, 0x00, 0x00, 0x01, 0x4E, 0x01, static_cast<UTIL_UCHAR>(ENUM_UTIL_H265_FRAME_PREFIX_SEI_PAYLOAD_TYPE_TIME_CODE), 0};
+    kStartCode[0], kStartCode[1], kStartCode[2], kStartCode[3], quillane::nal::h265::kSeiHeader[0],
+    quillane::nal::h265::kSeiHeader[1], static_cast<UTIL_UCHAR>(ENUM_UTIL_H265_FRAME_PREFIX_SEI_PAYLOAD_TYPE_TIME_CODE),
+    0};
 
-// Bits of the message's fixed fields: H.264 pic_struct and clock_timestamp_flag,
-// then the rest of the clock timestamp without time_offset; H.265
-// num_clock_ts and clock_timestamp_flag, then the rest without time_offset_value.
-constexpr int kH264Head5 = 5;
-constexpr int kH264Clock = 36;
+// Bits of the H.265 message's fixed fields: num_clock_ts and
+// clock_timestamp_flag, then the rest of the clock timestamp without
+// time_offset_value.
 constexpr int kH265Head3 = 3;
 constexpr int kH265Clock = 40;
 
-}  // namespace
-
-UTIL_S32 Func_h26x_high_sei_getDataFromSeiTiming(util_h26x_sei_tim_t* pstSei) noexcept {
-    const bool h264 = is_h264(pstSei);
-    if (!h264 && !is_h265(pstSei)) {
-        return 0;
-    }
-    UTIL_UCHAR* d = pstSei->data;
-    const util_h26x_sei_tim_config_param_t& c = pstSei->config_param;
-    const int w_cpb = c.h264_cpb_removal_delay_length + 1;
-    const int w_dpb = c.h264_dpb_output_delay_length + 1;
-    const int w_offset = c.h264_time_offset_length + 1;
+// The head of the message and its payloadSize cell, per codec.
+struct SeiLayout {
     int size_cell;  // offset of payloadSize
     bool clock;
-    int total;
-    if (h264) {
+    int total;  // bits of the payload's fields
+};
+
+template <bool H264>
+[[gnu::always_inline]] inline SeiLayout lay_out_head(util_h26x_sei_tim_t* pstSei) noexcept {
+    UTIL_UCHAR* d = pstSei->data;
+    if constexpr (H264) {
         std::memcpy(d, kH264Head, sizeof kH264Head);
-        size_cell = 6;
-        clock = pstSei->h264_sei.clock_timestamp_flag != 0;
-        total = w_cpb + w_dpb + kH264Head5 + (clock ? kH264Clock + w_offset : 0);
+        const bool clock = pstSei->h264_sei.clock_timestamp_flag != 0;
+        const H264Widths w(pstSei->config_param);
+        return {6, clock, clock ? h264_payload_bits<true>(w) : h264_payload_bits<false>(w)};
     } else {
         util_h265_sei_time_code_t& t = pstSei->h265_sei;
         t.time_offset_length = t.counting_type != 0 ? 21 : 0;
         std::memcpy(d, kH265Head, sizeof kH265Head);
-        size_cell = 7;
-        clock = t.clock_timestamp_flag != 0;
-        total = kH265Head3 + (clock ? kH265Clock + static_cast<int>(t.time_offset_length) : 0);
+        const bool clock = t.clock_timestamp_flag != 0;
+        return {7, clock, kH265Head3 + (clock ? kH265Clock + static_cast<int>(t.time_offset_length) : 0)};
     }
-    const int sum = total & 0xFF;  // the payloadSize cell is one byte
-    if (clock && sum % 8 != 0) {
-        if (h264) {
-            UTIL_TRACE("warning, not alin of 8, pstSei->data[6]=%d\n", sum);
-        } else {
-            UTIL_TRACE("warning, not alin of 8, pstSei->data[7]=%d\n", sum);
+}
+
+// The H.264 payload bit by bit, for widths above 32 bits, where payloadSize
+// wraps and fields are cut at the message's end; returns the bits written.
+// A cut is reported on behalf of the operation `where` names.
+[[gnu::cold, gnu::noinline]] int write_h264_rows(util_h26x_sei_tim_t* pstSei, int size_cell, int payload_size,
+                                                 const quillane::Where& where) noexcept {
+    UTIL_UCHAR* d = pstSei->data;
+    // Bits past the last field stay zero, so a frame's bytes never depend
+    // on what the previous frame left in the buffer.
+    std::memset(d + size_cell + 1, 0, static_cast<std::size_t>(payload_size));
+    Field rows[kH264Fields];
+    const int nrows = h264_rows(pstSei, rows);
+    PayloadWriter writer(d, size_cell + 1, pstSei->data_len);
+    for (int r = 0; r < nrows; ++r) {
+        const int cut_at = writer.put(rows[r]);
+        if (cut_at >= 0) {
+            UTIL_TRACE_AT(where, "error: outrange data array, index=%d, len=%d\n", cut_at, pstSei->data_len);
         }
+    }
+    d[pstSei->data_len - 1] = 0x80;  // rbsp stop bit
+    return writer.bits();
+}
+
+// The whole message of one codec, written apart for each so that every
+// step folds to that codec's constants; traces speak for `where`.
+template <bool H264>
+void write_message(util_h26x_sei_tim_t* pstSei, const quillane::Where& where) noexcept {
+    const SeiLayout m = lay_out_head<H264>(pstSei);
+    const int sum = m.total & 0xFF;  // the payloadSize cell is one byte
+    if (m.clock && sum % 8 != 0) {
+        UTIL_TRACE_AT(where, "warning, not alin of 8, pstSei->data[%d]=%d\n", m.size_cell, sum);
     }
     const int payload_size = (sum + 7) / 8;
-    d[size_cell] = static_cast<UTIL_UCHAR>(payload_size);
-    pstSei->data_len = payload_size + size_cell + 2;
+    pstSei->data[m.size_cell] = static_cast<UTIL_UCHAR>(payload_size);
+    pstSei->data_len = payload_size + m.size_cell + 2;
 
-    int bits_written = total;
-    if (!h264) {
-        pack_h265(d, pstSei->h265_sei);
-    } else if (w_cpb <= 32 && w_dpb <= 32 && w_offset <= 32) {
+    int bits_written = m.total;
+    if constexpr (!H264) {
+        pack_h265(pstSei->data, pstSei->h265_sei);
+    } else if (const H264Widths w(pstSei->config_param); w.packable()) {
         // At most 137 bits: the payloadSize cell holds the whole count.
-        pack_h264(d, pstSei->h264_sei, w_cpb, w_dpb, w_offset);
+        pack_h264(pstSei->data, pstSei->h264_sei, w);
     } else {
-        // Bits past the last field stay zero, so a frame's bytes never depend
-        // on what the previous frame left in the buffer.
-        std::memset(d + size_cell + 1, 0, static_cast<std::size_t>(payload_size));
-        Field rows[15];
-        const int nrows = h264_rows(pstSei, rows);
-        PayloadWriter writer(d, size_cell + 1, pstSei->data_len);
-        for (int r = 0; r < nrows; ++r) {
-            const int cut_at = writer.put(rows[r]);
-            if (cut_at >= 0) {
-                UTIL_TRACE("error: outrange data array, index=%d, len=%d\n", cut_at, pstSei->data_len);
-            }
-        }
-        bits_written = writer.bits();
-        d[pstSei->data_len - 1] = 0x80;  // rbsp stop bit
+        bits_written = write_h264_rows(pstSei, m.size_cell, payload_size, where);
     }
-    if (clock && (bits_written % 8 != 0 || bits_written != payload_size * 8)) {
-        UTIL_TRACE("error, bits=%d\n", bits_written);
+    if (m.clock && (bits_written % 8 != 0 || bits_written != payload_size * 8)) {
+        UTIL_TRACE_AT(where, "error, bits=%d\n", bits_written);
+    }
+}
+
+}  // namespace
+
+UTIL_S32 Func_h26x_high_sei_getDataFromSeiTiming(util_h26x_sei_tim_t* pstSei) noexcept {
+    // A constant, so that no frame spends time on it unless it traces.
+    static constexpr quillane::Where kHere = UTIL_HERE;
+    if (is_h264(pstSei)) {
+        write_message<true>(pstSei, kHere);
+    } else if (is_h265(pstSei)) {
+        write_message<false>(pstSei, kHere);
     }
     return 0;
 }

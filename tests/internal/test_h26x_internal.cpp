@@ -13,18 +13,14 @@
 #include "core/util_alloc.h"
 #include "core/util_tables.h"
 #include "h26x/util_h26x_base_internal.h"
+#include "h26x_reference.h"
 
 using ::testing::internal::CaptureStderr;
 using ::testing::internal::GetCapturedStderr;
 
 namespace {
 
-std::int64_t plain_find(const UTIL_UCHAR* b, std::int64_t from, std::int64_t size) {
-    for (std::int64_t i = from < 0 ? 0 : from; i < size - 4; ++i) {
-        if (b[i] == 0 && b[i + 1] == 0 && b[i + 2] == 0 && b[i + 3] == 1) return i;
-    }
-    return -1;
-}
+using qtest::ref_find_start_code;
 
 // Every search this build has and this CPU runs (on x86-64 plain, SSE2 and
 // whichever of AVX2 and AVX-512 the machine has; on aarch64 plain and NEON).
@@ -63,7 +59,7 @@ TEST(StartCodeSearch, EveryPathGivesTheByteByByteAnswer) {
         const auto n = static_cast<std::int64_t>(size);
         for (int probe = 0; probe < 24; ++probe) {
             const std::int64_t from = probe == 0 ? -3 : static_cast<std::int64_t>(rng() % (size + 2));
-            const std::int64_t want = plain_find(b, from, n);
+            const std::int64_t want = ref_find_start_code(b, from, n);
             for (const auto isa : isas) {
                 ASSERT_EQ(quillane::start_code_search_for(isa)(b, from, n), want)
                     << quillane::scan_isa_name(isa) << " round " << round << " from " << from;
@@ -83,7 +79,7 @@ TEST(StartCodeSearch, EveryPathGivesTheByteByByteAnswer) {
                 b[at] = b[at + 1] = b[at + 2] = 0;
                 b[at + 3] = 1;
                 for (const std::int64_t from : {std::int64_t{0}, at - 1, at, at + 1}) {
-                    const std::int64_t want = plain_find(b, from, size);
+                    const std::int64_t want = ref_find_start_code(b, from, size);
                     for (const auto isa : isas) {
                         ASSERT_EQ(quillane::start_code_search_for(isa)(b, from, size), want)
                             << quillane::scan_isa_name(isa) << " size " << size << " skew " << skew << " at " << at
