@@ -19,6 +19,7 @@
 #include "h26x/nal.h"
 #include "h26x/util_h26x_base_internal.h"
 #include "sei/util_h26x_high_seiTimeCode_internal.h"
+#include "core/util_entry_list.h"
 #include "core/util_msg.h"
 #include "core/util_reentry.h"
 
@@ -29,12 +30,7 @@ namespace {
 // While this file exists, the drift check explains itself in the trace.
 constexpr const char* kDriftMarker = "/dev/util_h26x_high_seiTimeCode";
 
-#define UTIL_TRACE_IF_MARKED(fmt, ...)                        \
-    do {                                                      \
-        if (access(kDriftMarker, F_OK) == 0) {                \
-            UTIL_TRACE(fmt __VA_OPT__(, ) __VA_ARGS__);       \
-        }                                                     \
-    } while (0)
+bool drift_explained() noexcept { return access(kDriftMarker, F_OK) == 0; }
 
 constexpr UTIL_S32 kH264 = ENUM_UTIL_H264_STREAM_TYPE;
 constexpr UTIL_S32 kH265 = ENUM_UTIL_H265_STREAM_TYPE;
@@ -188,6 +184,27 @@ UTIL_S32 Func_h26x_high_sei_timing_get_dropped_nframes_func(util_h26x_sei_tim_t*
     return (n_frames == 0 && seconds == 0 && minutes % 10 != 0) ? ready : 0;
 }
 
+namespace {
+
+// Takes the time code from the clock again, telling the trace (in the name
+// of the drift check at `at`) what it was and what it is now.
+void resync_with_clock(util_h26x_sei_tim_t* phst, const quillane::Where& at) noexcept {
+    if (!is_h264(phst) && !is_h265(phst)) return;
+    const ClockView before = view_time_code(phst);
+    if (drift_explained()) {
+        UTIL_TRACE_AT(at, "cur time:%02d:%02d:%02d.%02d\n", before.hours, before.minutes, before.seconds,
+                      before.frames);
+    }
+    Func_h26x_high_sei_sync_local_time(phst);
+    const ClockView after = view_time_code(phst);
+    if (drift_explained()) {
+        UTIL_TRACE_AT(at, "sync system time:%02d:%02d:%02d.%02d\n", after.hours, after.minutes, after.seconds,
+                      after.frames);
+    }
+}
+
+}  // namespace
+
 UTIL_S32 Func_h26x_high_correct_tv_sei_sync_local_time_diffence_func(util_h26x_sei_tim_t* phst) noexcept {
     util_h26x_sei_tim_diff_calibrate_t& cal = phst->timDiffCal;
     if (cal.latest_time.tv_sec == 0) {
@@ -219,25 +236,20 @@ UTIL_S32 Func_h26x_high_correct_tv_sei_sync_local_time_diffence_func(util_h26x_s
         if (x < 0) x = -x;
         const int wait = x < kCheckPeriodSeconds ? kCheckPeriodSeconds - x : 1;
         cal.wait_frame_cnts += static_cast<UTIL_U64>(static_cast<std::int64_t>(fps) * wait);
-        UTIL_TRACE_IF_MARKED("data: cnt:%d, diff:%d, ###=:%.3f, wait:%ds\n", static_cast<int>(cal.real_frame_cnt),
-                             diff, static_cast<double>(drift), wait);
+        if (drift_explained()) {
+            UTIL_TRACE("data: cnt:%d, diff:%d, ###=:%.3f, wait:%ds\n", static_cast<int>(cal.real_frame_cnt), diff,
+                       static_cast<double>(drift), wait);
+        }
         return 0;
     }
-
     // Out of step: take the time from the clock again and start a new period.
-    if (is_h264(phst) || is_h265(phst)) {
-        const ClockView before = view_time_code(phst);
-        UTIL_TRACE_IF_MARKED("cur time:%02d:%02d:%02d.%02d\n", before.hours, before.minutes, before.seconds,
-                             before.frames);
-        Func_h26x_high_sei_sync_local_time(phst);
-        const ClockView after = view_time_code(phst);
-        UTIL_TRACE_IF_MARKED("sync system time:%02d:%02d:%02d.%02d\n", after.hours, after.minutes, after.seconds,
-                             after.frames);
-    }
+    resync_with_clock(phst, UTIL_HERE);
     cal.latest_time = now;
     cal.wait_frame_cnts = static_cast<UTIL_U64>(static_cast<std::int64_t>(fps) * kCheckPeriodSeconds);
-    UTIL_TRACE_IF_MARKED("###warning: cnt:%d, diff:%d, ###=:%.3f, wait:%ds\n", static_cast<int>(cal.real_frame_cnt),
-                         diff, static_cast<double>(drift), kCheckPeriodSeconds);
+    if (drift_explained()) {
+        UTIL_TRACE("###warning: cnt:%d, diff:%d, ###=:%.3f, wait:%ds\n", static_cast<int>(cal.real_frame_cnt), diff,
+                   static_cast<double>(drift), kCheckPeriodSeconds);
+    }
     cal.real_frame_cnt = 0;
     return 1;
 }
@@ -454,28 +466,38 @@ struct H264Field {
     UTIL_U32 (*value)(const H264Timing&) noexcept;
 };
 
-#define H264_FIELD(member, width, configured, clock) \
-    {#member, width, configured, clock, [](const H264Timing& t) noexcept -> UTIL_U32 { return t.member; }}
-
 constexpr H264Field kH264PicTiming[] = {
-    H264_FIELD(cpb_removal_delay, 0, kCpbWidth, false),
-    H264_FIELD(dpb_output_delay, 0, kDpbWidth, false),
-    H264_FIELD(pic_struct, 4, kFixed, false),
-    H264_FIELD(clock_timestamp_flag, 1, kFixed, false),
-    H264_FIELD(ct_type, 2, kFixed, true),
-    H264_FIELD(nuit_field_based_flag, 1, kFixed, true),
-    H264_FIELD(counting_type, 5, kFixed, true),
-    H264_FIELD(full_timestamp_flag, 1, kFixed, true),
-    H264_FIELD(discontinuity_flag, 1, kFixed, true),
-    H264_FIELD(cnt_dropped_flag, 1, kFixed, true),
-    H264_FIELD(n_frames, 8, kFixed, true),
-    H264_FIELD(seconds_value, 6, kFixed, true),
-    H264_FIELD(minutes_value, 6, kFixed, true),
-    H264_FIELD(hours_value, 5, kFixed, true),
-    H264_FIELD(time_offset, 0, kOffsetWidth, true),
+    {"cpb_removal_delay", 0, kCpbWidth, false,
+     [](const H264Timing& t) noexcept -> UTIL_U32 { return t.cpb_removal_delay; }},
+    {"dpb_output_delay", 0, kDpbWidth, false,
+     [](const H264Timing& t) noexcept -> UTIL_U32 { return t.dpb_output_delay; }},
+    {"pic_struct", 4, kFixed, false,
+     [](const H264Timing& t) noexcept -> UTIL_U32 { return t.pic_struct; }},
+    {"clock_timestamp_flag", 1, kFixed, false,
+     [](const H264Timing& t) noexcept -> UTIL_U32 { return t.clock_timestamp_flag; }},
+    {"ct_type", 2, kFixed, true,
+     [](const H264Timing& t) noexcept -> UTIL_U32 { return t.ct_type; }},
+    {"nuit_field_based_flag", 1, kFixed, true,
+     [](const H264Timing& t) noexcept -> UTIL_U32 { return t.nuit_field_based_flag; }},
+    {"counting_type", 5, kFixed, true,
+     [](const H264Timing& t) noexcept -> UTIL_U32 { return t.counting_type; }},
+    {"full_timestamp_flag", 1, kFixed, true,
+     [](const H264Timing& t) noexcept -> UTIL_U32 { return t.full_timestamp_flag; }},
+    {"discontinuity_flag", 1, kFixed, true,
+     [](const H264Timing& t) noexcept -> UTIL_U32 { return t.discontinuity_flag; }},
+    {"cnt_dropped_flag", 1, kFixed, true,
+     [](const H264Timing& t) noexcept -> UTIL_U32 { return t.cnt_dropped_flag; }},
+    {"n_frames", 8, kFixed, true,
+     [](const H264Timing& t) noexcept -> UTIL_U32 { return t.n_frames; }},
+    {"seconds_value", 6, kFixed, true,
+     [](const H264Timing& t) noexcept -> UTIL_U32 { return t.seconds_value; }},
+    {"minutes_value", 6, kFixed, true,
+     [](const H264Timing& t) noexcept -> UTIL_U32 { return t.minutes_value; }},
+    {"hours_value", 5, kFixed, true,
+     [](const H264Timing& t) noexcept -> UTIL_U32 { return t.hours_value; }},
+    {"time_offset", 0, kOffsetWidth, true,
+     [](const H264Timing& t) noexcept -> UTIL_U32 { return t.time_offset; }},
 };
-
-#undef H264_FIELD
 
 constexpr std::size_t kH264Fields = std::size(kH264PicTiming);
 
@@ -812,27 +834,22 @@ UTIL_S32 Func_h26x_high_sei_video_fill_timecode_function(util_h26x_sei_tim_t* ph
 
 // The callbacks that init_list calls may adjust their fresh context but not
 // release or rebuild the list being made, whose array init_list still fills:
-// such a call is refused with -1. A macro, so that the trace names the
-// operation that refuses.
-#define REFUSE_FROM_CALLBACK(phstList)                                            \
-    do {                                                                          \
-        if (quillane::reentry::covered(phstList)) {                               \
-            UTIL_TRACE("error: phstList is in use by a setTimeCode_callback!\n"); \
-            return -1;                                                            \
-        }                                                                         \
-    } while (0)
+// such a call is refused with -1, in the name of the operation at `at`.
+bool refused_from_callback(quillane::Where at, const util_list_h26x_sei_tim_t* phstList) noexcept {
+    if (!quillane::reentry::covered(phstList)) return false;
+    UTIL_TRACE_AT(at, "error: phstList is in use by a setTimeCode_callback!\n");
+    return true;
+}
 
 UTIL_S32 Func_h26x_high_sei_timing_exit_list_function(util_list_h26x_sei_tim_t* phstList) noexcept {
     if (phstList == nullptr) {
         UTIL_TRACE("error: phstList is NULL!\n");
         return -1;
     }
-    REFUSE_FROM_CALLBACK(phstList);
-    quillane::mem_free(phstList->ph26xSeiTim);
-    phstList->ph26xSeiTim = nullptr;
-    UTIL_TRACE("free succeed, num;%d\n", phstList->h26xSeiTimMax);
-    phstList->h26xSeiTimMax = 0;
-    return 0;
+    if (refused_from_callback(UTIL_HERE, phstList)) return -1;
+    // A context owns nothing beyond itself.
+    return quillane::entry_list::release(UTIL_HERE, phstList->ph26xSeiTim, phstList->h26xSeiTimMax,
+                                         [](util_h26x_sei_tim_t*, UTIL_S32) {});
 }
 
 UTIL_S32 Func_h26x_high_sei_timing_init_list_function(util_list_h26x_sei_tim_t* phstList,
@@ -842,24 +859,16 @@ UTIL_S32 Func_h26x_high_sei_timing_init_list_function(util_list_h26x_sei_tim_t* 
         UTIL_TRACE("error: phstList or phstcp is NULL, max:%d!!!\n", hstcpMax);
         return -1;
     }
-    REFUSE_FROM_CALLBACK(phstList);
+    if (refused_from_callback(UTIL_HERE, phstList)) return -1;
     if (phstList->ph26xSeiTim != nullptr) {
         Func_h26x_high_sei_timing_exit_list_function(phstList);
     }
-    auto* contexts = static_cast<util_h26x_sei_tim_t*>(
-        quillane::mem_malloc(sizeof(util_h26x_sei_tim_t) * static_cast<std::size_t>(hstcpMax)));
-    if (contexts == nullptr) {
-        UTIL_DBG_ERR("error: malloc failed!!!!!");
-        UTIL_TRACE("error, malloc failed!!!\n");
-        return -1;
-    }
-    phstList->ph26xSeiTim = contexts;
-    phstList->h26xSeiTimMax = hstcpMax;
-    UTIL_TRACE("malloc succeed, stcp num;%d\n", hstcpMax);
+    util_h26x_sei_tim_t* contexts = quillane::entry_list::allocate(UTIL_HERE, phstList->ph26xSeiTim,
+                                                                   phstList->h26xSeiTimMax, hstcpMax, "stcp");
+    if (contexts == nullptr) return -1;
     const quillane::reentry::Scope busy(phstList);
     for (UTIL_S32 i = 0; i < hstcpMax; ++i) {
         util_h26x_sei_tim_t& ctx = contexts[i];
-        std::memset(&ctx, 0, sizeof ctx);
         ctx.config_param = phstcp[i];
         ctx.init_flag = -1;
         ctx.idr_flag = UTIL_FALSE;
@@ -873,8 +882,6 @@ UTIL_S32 Func_h26x_high_sei_timing_init_list_function(util_list_h26x_sei_tim_t* 
     }
     return 0;
 }
-
-#undef REFUSE_FROM_CALLBACK
 
 }  // namespace
 
