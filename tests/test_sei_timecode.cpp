@@ -1,7 +1,6 @@
 // SEI time code: the bytes of both messages, the context list, and the
-// per-frame counting. The wall clock is interposed (this executable defines
-// gettimeofday, which the library then calls), so clock synchronisation and
-// the drift check run deterministically, without sleeping.
+// per-frame counting. The wall clock is interposed (fake_clock.h), so clock
+// synchronisation and the drift check run deterministically, without sleeping.
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -9,28 +8,10 @@
 #include <cstdlib>
 #include <ctime>
 
+#include "fake_clock.h"
 #include "test_support.h"
 
 using namespace qtest;
-
-namespace {
-
-bool g_fake_clock = false;
-struct timeval g_now {};
-
-}  // namespace
-
-extern "C" int gettimeofday(struct timeval* tv, void* /*tz*/) noexcept {
-    if (g_fake_clock) {
-        *tv = g_now;
-        return 0;
-    }
-    struct timespec ts {};
-    clock_gettime(CLOCK_REALTIME, &ts);
-    tv->tv_sec = ts.tv_sec;
-    tv->tv_usec = ts.tv_nsec / 1000;
-    return 0;
-}
 
 namespace {
 
@@ -65,11 +46,11 @@ protected:
         log_ = use_log("sei.log");
         setenv("TZ", "UTC0", 1);
         tzset();
-        g_fake_clock = true;
+        fake_clock::enabled = true;
         set_clock(2026, 11, 23, 12, 34, 56, 0);
     }
     void TearDown() override {
-        g_fake_clock = false;
+        fake_clock::enabled = false;
         sei()->exit_list(&list_);
         DebugRecordTest::TearDown();
     }
@@ -78,21 +59,9 @@ protected:
         return &list_.ph26xSeiTim[0];
     }
     static void set_clock(int y, int mo, int d, int h, int mi, int s, long usec) {
-        struct tm tm {};
-        tm.tm_year = y - 1900;
-        tm.tm_mon = mo - 1;
-        tm.tm_mday = d;
-        tm.tm_hour = h;
-        tm.tm_min = mi;
-        tm.tm_sec = s;
-        g_now.tv_sec = timegm(&tm);
-        g_now.tv_usec = usec;
+        fake_clock::set_utc(y, mo, d, h, mi, s, usec);
     }
-    static void advance_us(long us) {
-        g_now.tv_usec += us;
-        g_now.tv_sec += g_now.tv_usec / 1000000;
-        g_now.tv_usec %= 1000000;
-    }
+    static void advance_us(long us) { fake_clock::advance_us(us); }
     // One frame through `running`: a random-access frame or a P frame.
     static void frame(util_h26x_sei_tim_t* ctx, bool random_access) {
         util_h26x_frame_buf_info_t units{};
@@ -511,7 +480,7 @@ TEST_F(DriftTest, OutOfStepReloadsFromTheClock) {
     run(ctx, 249, 40000);
     advance_us(40000 - 80000);
     const struct timeval check_time = [] {
-        struct timeval t = g_now;
+        struct timeval t = fake_clock::now;
         return t;
     }();
     frame(ctx, false);

@@ -29,25 +29,19 @@
 #include <string>
 #include <vector>
 
+#include "../fake_clock.h"
 #include "util_function.h"
 
 namespace {
-
-struct timeval g_now {};
 
 // Sets the clock to a UTC time "YYYY-MM-DD HH:MM:SS" and microseconds.
 void set_clock(const char* utc, long usec) {
     struct tm tm {};
     strptime(utc, "%Y-%m-%d %H:%M:%S", &tm);
-    g_now.tv_sec = timegm(&tm);
-    g_now.tv_usec = usec;
+    qtest::fake_clock::set_utc(tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec, usec);
 }
 
-void advance_us(long us) {
-    g_now.tv_usec += us;
-    g_now.tv_sec += g_now.tv_usec / 1000000;
-    g_now.tv_usec %= 1000000;
-}
+void advance_us(long us) { qtest::fake_clock::advance_us(us); }
 
 int g_failures = 0;
 
@@ -397,10 +391,6 @@ void rewrite_settings(Text& t) {
 
 }  // namespace
 
-extern "C" int gettimeofday(struct timeval* tv, void* /*tz*/) noexcept {
-    *tv = g_now;
-    return 0;
-}
 
 int main(int argc, char** argv) {
     if (argc != 2) {
@@ -415,6 +405,7 @@ int main(int argc, char** argv) {
     }
     setenv("TZ", "UTC0", 1);
     tzset();
+    qtest::fake_clock::enabled = true;
     set_clock("2026-11-23 12:00:00", 0);
 
     util_ops_pfun->dbgout->pstDebugAttr->set_dbglog_attr(
