@@ -414,13 +414,11 @@ const Byte* read_decimal(const Byte* p, Byte stop, bool star_allowed, Decimal& o
     } else if (*q == '\0') {
         return nullptr;
     }
-    // Held just past the 32-bit range on both sides: only whether the
-    // number fits matters beyond.
-    constexpr std::int64_t kPastRange = std::int64_t{INT32_MAX} + 2;
+    // Stops growing past 2^31: only whether the number fits matters beyond.
     std::int64_t magnitude = 0;
     for (; *q != '\0' && !(*q == stop && q != p); ++q) {
         if (!quillane::is_decimal_digit(*q)) return nullptr;
-        magnitude = quillane::push_digit(magnitude, *q, kPastRange);
+        magnitude = quillane::push_digit(magnitude, *q, std::int64_t{1} << 31);
     }
     out.value = negative ? -magnitude : magnitude;
     out.overflow = out.value < INT32_MIN || out.value > INT32_MAX;
@@ -533,7 +531,7 @@ bool read_interval(const char* p, std::size_t i, Interval& out, std::size_t& end
             std::uint64_t& n = numbers[comma ? 1 : 0];
             // Past the library's limit every count is refused alike.
             n = static_cast<std::uint64_t>(
-                quillane::push_digit(static_cast<std::int64_t>(n), c, kMaxIntervalCount + 1));
+                quillane::push_digit(static_cast<std::int64_t>(n), c, kMaxIntervalCount));
             digits[comma ? 1 : 0] = true;
         } else if (c == ',' && !comma) {
             comma = true;
@@ -897,9 +895,13 @@ UTIL_S32 Func_judgeSubStrWithinRange(UTIL_CHAR* subStr, const UTIL_CHAR* listStr
     }
     char detail[kRegexErrorSize];
     detail[0] = '\0';
-    const VerdictReport report = report_of(judge_by_kind(kind, subStr, listStr, detail));
-    if (report.text != nullptr) {
-        UTIL_DBG_ERR("%s%s%s", report.text, report.with_detail ? detail : "", report.with_detail ? "\n" : "");
+    const Verdict verdict = judge_by_kind(kind, subStr, listStr, detail);
+    if (verdict == Verdict::admitted) return UTIL_STR_COMPARE_RETURN_ERR_NONE;  // the common case, kept short
+    const VerdictReport report = report_of(verdict);
+    if (report.with_detail) {
+        UTIL_DBG_ERR("%s%s\n", report.text, detail);
+    } else if (report.text != nullptr) {
+        UTIL_DBG_ERR("%s", report.text);
     }
     return report.result;
 }

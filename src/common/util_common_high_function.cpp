@@ -88,10 +88,12 @@ UTIL_S32 leading_int(const char* text, std::size_t n) noexcept {
     while (i < n && (text[i] == ' ' || (text[i] >= '\t' && text[i] <= '\r'))) ++i;
     bool negative = false;
     if (i < n && (text[i] == '+' || text[i] == '-')) negative = text[i++] == '-';
+    constexpr std::int64_t kPastInt = std::int64_t{INT_MAX} + 1;
     std::int64_t value = 0;
     for (; i < n && quillane::is_decimal_digit(static_cast<unsigned char>(text[i])); ++i) {
-        value = quillane::push_digit(value, static_cast<unsigned char>(text[i]), std::int64_t{INT_MAX} + 1);
+        value = quillane::push_digit(value, static_cast<unsigned char>(text[i]), kPastInt);
     }
+    value = std::min(value, kPastInt);
     if (negative) value = -value;
     if (value > INT_MAX) value = INT_MAX;
     return static_cast<UTIL_S32>(value);

@@ -7,12 +7,11 @@ namespace quillane {
 
 constexpr bool is_decimal_digit(unsigned char c) noexcept { return c >= '0' && c <= '9'; }
 
-// `value` with the decimal digit c appended, held at `cap` from there on:
-// the readers only need to know that a number is too big, never by how much.
-// `value` is below `cap` on entry, so nothing overflows for caps below 2^59.
-constexpr std::int64_t push_digit(std::int64_t value, unsigned char c, std::int64_t cap) noexcept {
-    const std::int64_t next = value * 10 + (c - '0');
-    return next < cap ? next : cap;
+// `value` with the decimal digit c appended while it is at most `limit`;
+// past that it stops growing: the readers only need to know that a number
+// is too big, never by how much. Nothing overflows for limits below 2^59.
+constexpr std::int64_t push_digit(std::int64_t value, unsigned char c, std::int64_t limit) noexcept {
+    return value <= limit ? value * 10 + (c - '0') : value;
 }
 
 // Digits of a byte dump ("0x1F") and of numbers printed in bases up to 16.
