@@ -309,11 +309,14 @@ bool StreamStamper::Impl::stamp(Unit& u) {
 }
 
 // What the stream says overrides the library's defaults: the encoder's
-// delays, pic_struct and ct_type, the SPS's field widths. The time offset
-// field also carries the zero clock_timestamp_flag bits of the timestamps
-// the library does not write (pic_struct 3 to 8 have two or three) and pads
-// the message to whole bytes, so readers find every field where the SPS
-// puts it and no stray bits follow.
+// delays, pic_struct and ct_type, the SPS's field widths. The library writes
+// one clock timestamp and its time offset, then fills the last byte with
+// zeros; a message must instead end its payload with a one bit and zeros up
+// to the byte boundary (strict readers refuse it otherwise). So the time
+// offset field the library writes is made wider and carries, after the
+// SPS's time_offset_length bits of offset, the zero clock_timestamp_flag
+// bits of the timestamps the library does not write (pic_struct 3 to 8 have
+// two or three), then that one bit and its zeros.
 void StreamStamper::Impl::patch_h264(const Unit& u) {
     const H264Sps& sps = *u.h264;
     util_h26x_sei_tim_t& ctx = library.context();
@@ -332,14 +335,17 @@ void StreamStamper::Impl::patch_h264(const Unit& u) {
     // only with this flag set (GStreamer's parser halves it otherwise).
     t.nuit_field_based_flag = 1;
     const int fixed = (sps.cpb_removal_delay_length_minus1 + 1) + (sps.dpb_output_delay_length_minus1 + 1) + 41;
-    int width = sps.time_offset_length + (h264_num_clock_ts(pic_struct) - 1);
-    width += (8 - (fixed + width) % 8) % 8;
-    if (width == 0) width = 8;
+    const int content = sps.time_offset_length + (h264_num_clock_ts(pic_struct) - 1);
+    // An already whole payload takes no alignment bits, but the library
+    // writes at least one bit of offset: then a whole byte of them follows.
+    int alignment = (8 - (fixed + content) % 8) % 8;
+    if (content == 0 && alignment == 0) alignment = 8;
+    int width = content + alignment;
     // Beyond 32 bits (time_offset_length 31 with field pairs) the offset is
     // cut to fit; no encoder writes offsets that long.
     while (width > 32) width -= 8;
     ctx.config_param.h264_time_offset_length = static_cast<UTIL_U8>(width - 1);
-    t.time_offset = 0;
+    t.time_offset = alignment > 0 && alignment <= width ? UTIL_U32{1} << (alignment - 1) : 0;
 }
 
 void StreamStamper::Impl::write_out(Unit& u, std::span<const std::uint8_t> sei) {
