@@ -6,20 +6,12 @@
 // code, bit 2: drift check, bits 3-7: the size of the pieces fed to the
 // splitter), then the stream. Each access unit is pushed from a heap block
 // of exactly its size, so AddressSanitizer reports any read past it.
-#include <cstddef>
-#include <cstdint>
-#include <cstdio>
 #include <vector>
 
 #include "annexb.h"
+#include "fuzz_check.h"
 #include "stream_stamper.h"
 #include "util_function.h"
-
-// stderr is closed by the runner; a broken invariant says which on stdout.
-#define CHECK(cond)                                                                                        \
-    ((cond) ? (void)0                                                                                      \
-            : (std::printf("fuzz_au_stamper.cpp:%d: invariant broken: %s\n", __LINE__, #cond), std::fflush(stdout), \
-               __builtin_trap()))
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     // The library's traces would otherwise go to the device log.

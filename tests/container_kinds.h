@@ -11,21 +11,22 @@
 
 namespace ctest {
 
-template <class C_, class L_, class Node_, bool linked_, bool fifo_>
+// name: the module; elems: init_list's element parameter; slots: array forms.
+template <class C_, class L_, class Node_, bool linked_, bool fifo_, const char* name_, const char* elems_>
 struct KindBase {
     using C = C_;
     using L = L_;
     using Node = Node_;
     using Fun = decltype(C::fun);
-    static constexpr bool linked = linked_;
-    static constexpr bool fifo = fifo_;
-    static constexpr const char* word = fifo_ ? "queue" : "stack";
+    static constexpr bool linked = linked_, fifo = fifo_;
+    static constexpr const char *word = fifo_ ? "queue" : "stack", *name = name_, *elems = elems_;
 };
+inline constexpr char kLQ[] = "queue_high_linkedList", kLS[] = "stack_high_linkedList",
+                      kAQ[] = "queue_high_arrayList", kAS[] = "stack_high_arrayList";
+inline constexpr char kPql[] = "pql", kPsl[] = "psl", kPqa[] = "pqa", kPsa[] = "psa";
 
-struct LinkedQueue
-    : KindBase<util_queue_high_linkedList_t, util_list_queue_high_linkedList_t, util_queue_base_node_t, true, true> {
-    static constexpr const char* name = "queue_high_linkedList";
-    static constexpr const char* elems = "pql";  // the list operations' template parameter
+struct LinkedQueue : KindBase<util_queue_high_linkedList_t, util_list_queue_high_linkedList_t,
+                              util_queue_base_node_t, true, true, kLQ, kPql> {
     static auto* ops() { return util_ops_pfun->queue_high_linkedList; }
     static C*& array(L& l) { return l.pqhll; }
     static UTIL_S32& max(L& l) { return l.qhllMax; }
@@ -33,33 +34,24 @@ struct LinkedQueue
     // What a transfer callback is handed: the leaving node and the receiving end.
     static std::pair<Node*, Node*> transfer_nodes(C& out, C& in) { return {out.front, in.rear}; }
 };
-
-struct LinkedStack
-    : KindBase<util_stack_high_linkedList_t, util_list_stack_high_linkedList_t, util_stack_base_node_t, true, false> {
-    static constexpr const char* name = "stack_high_linkedList";
-    static constexpr const char* elems = "psl";  // the list operations' template parameter
+struct LinkedStack : KindBase<util_stack_high_linkedList_t, util_list_stack_high_linkedList_t,
+                              util_stack_base_node_t, true, false, kLS, kPsl> {
     static auto* ops() { return util_ops_pfun->stack_high_linkedList; }
     static C*& array(L& l) { return l.pshll; }
     static UTIL_S32& max(L& l) { return l.shllMax; }
     static C make(Fun f, UTIL_U32) { return C{nullptr, 0, f}; }
     static std::pair<Node*, Node*> transfer_nodes(C& out, C& in) { return {out.top, in.top}; }
 };
-
-struct ArrayQueue
-    : KindBase<util_queue_high_arrayList_t, util_list_queue_high_arrayList_t, util_queue_base_node_t, false, true> {
-    static constexpr const char* name = "queue_high_arrayList";
-    static constexpr const char* elems = "pqa";  // the list operations' template parameter
+struct ArrayQueue : KindBase<util_queue_high_arrayList_t, util_list_queue_high_arrayList_t,
+                             util_queue_base_node_t, false, true, kAQ, kPqa> {
     static auto* ops() { return util_ops_pfun->queue_high_arrayList; }
     static C*& array(L& l) { return l.pqhal; }
     static UTIL_S32& max(L& l) { return l.qhalMax; }
     static C make(Fun f, UTIL_U32 slots) { return C{nullptr, slots, 0, 0, f}; }
     static std::pair<Node*, Node*> transfer_nodes(C& out, C& in) { return {&out.pnode[out.head], &in.pnode[in.tail]}; }
 };
-
-struct ArrayStack
-    : KindBase<util_stack_high_arrayList_t, util_list_stack_high_arrayList_t, util_stack_base_node_t, false, false> {
-    static constexpr const char* name = "stack_high_arrayList";
-    static constexpr const char* elems = "psa";  // the list operations' template parameter
+struct ArrayStack : KindBase<util_stack_high_arrayList_t, util_list_stack_high_arrayList_t,
+                             util_stack_base_node_t, false, false, kAS, kPsa> {
     static auto* ops() { return util_ops_pfun->stack_high_arrayList; }
     static C*& array(L& l) { return l.pshal; }
     static UTIL_S32& max(L& l) { return l.shalMax; }
@@ -69,7 +61,6 @@ struct ArrayStack
         return {&out.pnode[out.top - 1], &in.pnode[&out == &in ? in.top - 1 : in.top]};
     }
 };
-
 using Kinds = ::testing::Types<LinkedQueue, LinkedStack, ArrayQueue, ArrayStack>;
 
 // Every callback call, for the tests to compare with what should have happened.
@@ -80,14 +71,12 @@ struct Ledger {
     int broken = 0;  // contract breaches: data not NULL before insert, release of an unknown element
 };
 inline Ledger g;
-
 inline int value(void* data) { return *static_cast<int*>(data); }
 
 template <class Node>
 UTIL_S32 on_insert(Node* node, void* pdata) {
     g.broken += node->data != nullptr;
-    node->data = new int(value(pdata));
-    g.live.insert(node->data);
+    g.live.insert(node->data = new int(value(pdata)));
     return 0;
 }
 template <class Node>
@@ -113,7 +102,6 @@ UTIL_S32 on_display(Node* node) {
     g.shown.push_back(value(node->data));
     return 0;
 }
-
 template <class K>
 typename K::Fun owning_callbacks() {
     using N = typename K::Node;
@@ -140,20 +128,16 @@ std::string console(F call) {
     return ::testing::internal::GetCapturedStderr();
 }
 
-// A whole console message of the module's operation `op`, as a regex.
-inline std::string quote(const std::string& text) {
-    static const std::regex special(R"([.^$|()\[\]{}*+?\\])");
-    return std::regex_replace(text, special, R"(\$&)");
-}
+// A whole console message, or trace line, of the module's operation `op`, as a regex.
 template <class K>
 std::string err(const std::string& op, const std::string& text) {
     return "DBG_ERR:util_" + std::string(K::name) + "_function\\.cpp Func_" + K::name + "_" + op + "\\[\\d{4}\\] " +
-           quote(text);
+           qtest::regex_escape(text);
 }
 template <class K>
 std::string trace(const std::string& op, const std::string& text) {
     return "\\[util_" + std::string(K::name) + "_function\\.cpp \\+\\d+ +Func_" + K::name + "_" + op + "\\] " +
-           quote(text);
+           qtest::regex_escape(text);
 }
 
 }  // namespace ctest

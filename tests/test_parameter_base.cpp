@@ -15,11 +15,12 @@ util_ops_parameter_base_fun_t* reg() { return util_ops_pfun->parameter_base; }
 std::string L(const std::string& func, const std::string& text) {
     return R"(\[util_parameter_base_function\.cpp \+\d+ +Func_parameter_base_)" + func + R"(\] )" + text + R"(\n)";
 }
+const std::string kInit = "init_list_function", kExit = "exit_list_function", kRun = "run_class_function";
 // The closing line of a build shows the class record's size, which differs
 // between targets (the mutex does).
 std::string size_line() {
     const std::string n = std::to_string(sizeof(util_parameter_class_t));
-    return L("init_list_function", "size;" + n + ", " + n);
+    return L(kInit, "size;" + n + ", " + n);
 }
 
 UTIL_S32 ret5(util_parameter_class_t*, void**) { return 5; }
@@ -71,6 +72,8 @@ protected:
         const std::string log = qtest::read_file(log_);
         return log.substr(log.find('\n', log.find("] size;")) + 1);
     }
+    static constexpr const char* kBuilt = "/a 2 1 0 0 0 [1,2,0,9,text,da,na,1,0;4,5,-1,6,null,db,nb,0,0;] /b 0 1 0 0 0 [] "
+                                          "/c 1 1 0 0 0 [7,7,7,7,null,dc,nc,0,0;] ";
 
     qtest::MachineWideFile marker_{qtest::kParameterMarker};
     std::string log_;
@@ -78,40 +81,31 @@ protected:
     util_list_parameter_class_t list_{};
 };
 
+// Flags and words start cleared, callbacks are copied, the text is a copy of
+// its own, and each class has a working mutex of its own.
 TEST_F(ParameterTest, BuildIsADeepCopyIndependentOfTheApplicationsArray) {
-    auto* params = new util_parameter_base_one_t[2]{{1, 2, 0, 9, nullptr, strdup("hello"), "desc", "name", base_cb, 0xabc},
-                                                    {-4, -5, -6, -3, nullptr, nullptr, "d2", "n2", nullptr, 0}};
-    auto* app = new util_parameter_class_t[2]{{"/p0", params, 2, ret5, 0x77, {}, 0x1234, UTIL_PARAMETER_OPS_FLAG_GET},
-                                              {"/p1", nullptr, 0, nullptr, 0, {}, 0, 0}};
-    ASSERT_EQ(reg()->init_list(&list_, app, 2), 0);
-    // Flags and words start cleared; callbacks are copied.
-    const std::string want = "/p0 2 1 0 0 0 [1,2,0,9,hello,desc,name,1,0;-4,-5,-6,-3,null,d2,n2,0,0;] /p1 0 0 0 0 0 [] ";
-    EXPECT_EQ(dump(list_), want);
-    params[0].text[0] = 'J';
-    std::free(params[0].text);
-    params[0].cur = 100;
-    app[0].paraListMax = 99;
-    delete[] params;
-    delete[] app;
-    EXPECT_EQ(dump(list_), want);
-    for (int i = 0; i < 2; ++i) {  // each class has a working mutex of its own
+    build();
+    EXPECT_EQ(dump(list_), kBuilt);
+    std::strcpy(text_, "Jext");
+    EXPECT_EQ(dump(list_), kBuilt);
+    for (int i = 0; i < 3; ++i) {
         ASSERT_EQ(pthread_mutex_trylock(&list_.pclass[i].used_mutex), 0);
         EXPECT_EQ(pthread_mutex_unlock(&list_.pclass[i].used_mutex), 0);
     }
 }
 
+// A rebuild releases the old list first; refused arguments change nothing; a
+// class that cannot be copied ends the build with an empty list.
 TEST_F(ParameterTest, ReinitRefusalsFailuresAndReleaseTraceInOrder) {
     build();
     util_parameter_class_t one[1] = {{"/one", nullptr, 0, nullptr, 0, {}, 0, 0}};
     ASSERT_EQ(reg()->init_list(&list_, one, 1), 0);  // LeakSanitizer: the old text copy is freed
-    // A class that claims parameters without an array of them is refused too.
-    util_parameter_class_t hollow[1] = {{"/hollow", nullptr, 2, nullptr, 0, {}, 0, 0}};
+    util_parameter_class_t hollow[1] = {{"/hollow", nullptr, 2, nullptr, 0, {}, 0, 0}};  // parameters without an array
     for (auto [list, ppc, max] : {std::tuple{&list_, one, 0}, {&list_, one, -3}, {&list_, nullptr, 1}, {nullptr, one, 1},
                                   {&list_, hollow, 1}}) {
         EXPECT_EQ(reg()->init_list(list, ppc, max), -1);
     }
     EXPECT_EQ(dump(list_), "/one 0 0 0 0 0 [] ");
-    // A negative count ends as an allocation failure, once the old list is gone.
     util_parameter_class_t bad[2] = {one[0], {"/neg", nullptr, -1, nullptr, 0, {}, 0, 0}};
     testing::internal::CaptureStderr();
     EXPECT_EQ(reg()->init_list(&list_, bad, 2), -1);
@@ -124,19 +118,16 @@ TEST_F(ParameterTest, ReinitRefusalsFailuresAndReleaseTraceInOrder) {
     EXPECT_EQ(reg()->exit_list(&list_), 0);
     EXPECT_EQ(list_.classMax, 0);
     EXPECT_EQ(reg()->exit_list(nullptr), -1);
-
-    const std::string init = "init_list_function", refused = "error: pclassList or ppc is NULL, max:";
+    const std::string refused = "error: pclassList or ppc is NULL, max:", built = "malloc succeed, strlist num;";
     EXPECT_THAT(qtest::read_file(log_),
-                FullyMatches(L(init, "malloc succeed, pc num;3") + L(init, "malloc succeed, strlist num;2") +
-                             L(init, "malloc succeed, strlist num;0") + L(init, "malloc succeed, strlist num;1") +
-                             size_line() + L("exit_list_function", "free succeed, num;3") +
-                             L(init, "malloc succeed, pc num;1") + L(init, "malloc succeed, strlist num;0") +
-                             size_line() + L(init, refused + "0!!!") + L(init, refused + "-3!!!") +
-                             L(init, refused + "1!!!") + L(init, refused + "1!!!") + L(init, refused + "1!!!") +
-                             L("exit_list_function", "free succeed, num;1") + L(init, "malloc succeed, pc num;2") +
-                             L(init, "malloc succeed, strlist num;0") + L(init, "error, malloc failed!!!") +
-                             L("exit_list_function", "free succeed, num;5") +
-                             L("exit_list_function", "error: pclassList is NULL!")));
+                FullyMatches(L(kInit, "malloc succeed, pc num;3") + L(kInit, built + "2") + L(kInit, built + "0") +
+                             L(kInit, built + "1") + size_line() + L(kExit, "free succeed, num;3") +
+                             L(kInit, "malloc succeed, pc num;1") + L(kInit, built + "0") + size_line() +
+                             L(kInit, refused + "0!!!") + L(kInit, refused + "-3!!!") + "(" +
+                             L(kInit, refused + "1!!!") + "){3}" + L(kExit, "free succeed, num;1") +
+                             L(kInit, "malloc succeed, pc num;2") + L(kInit, built + "0") +
+                             L(kInit, "error, malloc failed!!!") + L(kExit, "free succeed, num;5") +
+                             L(kExit, "error: pclassList is NULL!")));
 }
 
 TEST_F(ParameterTest, MarkerFileAddsOneLinePerParameterAndPerClass) {
@@ -145,75 +136,58 @@ TEST_F(ParameterTest, MarkerFileAddsOneLinePerParameterAndPerClass) {
     build();
     marker_.remove();
     ASSERT_TRUE(marker_.held());
-    const std::string init = "init_list_function";
     EXPECT_THAT(qtest::read_file(log_),
-                FullyMatches(L(init, "malloc succeed, pc num;3") + L(init, "malloc succeed, strlist num;2") +
-                             L(init, R"(kiv: \(0,0\) name=na, cur=1, def=2, min=0, max=9)") +
-                             L(init, R"(kiv: \(0,1\) name=nb, cur=4, def=5, min=-1, max=6)") +
-                             L(init, "kiv: i=0, path=/a, max=2") + L(init, "malloc succeed, strlist num;0") +
-                             L(init, "kiv: i=1, path=/b, max=0") + L(init, "malloc succeed, strlist num;1") +
-                             L(init, R"(kiv: \(2,0\) name=nc, cur=7, def=7, min=7, max=7)") +
-                             L(init, "kiv: i=2, path=/c, max=1") + size_line()));
+                FullyMatches(L(kInit, "malloc succeed, pc num;3") + L(kInit, "malloc succeed, strlist num;2") +
+                             L(kInit, R"(kiv: \(0,0\) name=na, cur=1, def=2, min=0, max=9)") +
+                             L(kInit, R"(kiv: \(0,1\) name=nb, cur=4, def=5, min=-1, max=6)") +
+                             L(kInit, "kiv: i=0, path=/a, max=2") + L(kInit, "malloc succeed, strlist num;0") +
+                             L(kInit, "kiv: i=1, path=/b, max=0") + L(kInit, "malloc succeed, strlist num;1") +
+                             L(kInit, R"(kiv: \(2,0\) name=nc, cur=7, def=7, min=7, max=7)") +
+                             L(kInit, "kiv: i=2, path=/c, max=1") + size_line()));
 }
 
-UTIL_S32 record_class(util_parameter_class_t* cls, void** content) {
-    *static_cast<util_parameter_class_t**>(*content) = cls;
-    return 3;
-}
-
-TEST_F(ParameterTest, RunClassCallsOneOrEveryClassAndReturnsTheLastResult) {
-    build();
-    EXPECT_EQ(reg()->run_class(&list_, -1, nullptr), 7);  // 5, -2, 7 in index order
-    EXPECT_EQ(reg()->run_class(&list_, 1, nullptr), -2);
-    util_parameter_class_t* seen = nullptr;
-    void* content = &seen;
-    ASSERT_EQ(reg()->register_class_func(&list_, 2, record_class), 0);
-    EXPECT_EQ(reg()->run_class(&list_, 2, &content), 3);
-    EXPECT_EQ(seen, &list_.pclass[2]);  // the list's own record
-    ASSERT_EQ(reg()->register_class_func(&list_, -1, nullptr), 0);
-    EXPECT_EQ(reg()->run_class(&list_, -1, nullptr), 0);
-    const std::string run = "run_class_function", fun = "0x[0-9a-f]+";
-    EXPECT_THAT(log_tail(), FullyMatches(L(run, "kiv: classIndex=-1, i=0, pfun;" + fun) +
-                                         L(run, "kiv: classIndex=-1, i=1, pfun;" + fun) +
-                                         L(run, "kiv: classIndex=-1, i=2, pfun;" + fun) +
-                                         L(run, "kiv: classIndex=1, i=1, pfun;" + fun) +
-                                         L(run, "kiv: classIndex=2, i=2, pfun;" + fun) +
-                                         L(run, "kiv: classIndex=-1, i=0, pfun:NULL") +
-                                         L(run, "kiv: classIndex=-1, i=1, pfun:NULL") +
-                                         L(run, "kiv: classIndex=-1, i=2, pfun:NULL")));
-}
-
-// A class callback may register and run classes of the list running it, but
-// releasing or rebuilding that list is refused: run_class still walks it.
+// run_class calls one class or every class (-1) and returns the last result,
+// handing the callback the list's own record. A class callback may register
+// and run classes of the list running it, but releasing or rebuilding that
+// list is refused: run_class still walks it.
 std::vector<int> g_reentry;
 UTIL_S32 meddle(util_parameter_class_t* cls, void** content) {
     auto* list = static_cast<util_list_parameter_class_t*>(*content);
-    static bool inside = false;
-    if (!inside) {
-        inside = true;
+    if (&list->pclass[0] == cls && g_reentry.empty()) {
+        g_reentry = {0};  // the inner run_class below comes back here
         util_parameter_class_t one[1] = {{"/one", nullptr, 0, nullptr, 0, {}, 0, 0}};
         g_reentry = {reg()->exit_list(list), reg()->init_list(list, one, 1), reg()->register_class_func(list, 2, ret7),
                      reg()->run_class(list, 0, content)};
     }
-    return cls->paraListMax;
+    return cls->paraListMax * 10 + static_cast<int>(cls - list->pclass);
 }
 
-TEST_F(ParameterTest, ClassCallbackCannotReleaseTheListBeingRun) {
+TEST_F(ParameterTest, RunClassAndWhatItsCallbacksMayDo) {
     build();
-    ASSERT_EQ(reg()->register_class_func(&list_, 0, meddle), 0);
+    EXPECT_EQ(reg()->run_class(&list_, -1, nullptr), 7);  // 5, -2, 7 in index order
+    EXPECT_EQ(reg()->run_class(&list_, 1, nullptr), -2);
+    ASSERT_EQ(reg()->register_class_func(&list_, -1, meddle), 0);
     void* content = &list_;
-    EXPECT_EQ(reg()->run_class(&list_, -1, &content), 7);
-    EXPECT_EQ(g_reentry, (std::vector<int>{-1, -1, 0, 2}));  // run_class(0) ran meddle again: 2 parameters
-    EXPECT_EQ(dump(list_), "/a 2 1 0 0 0 [1,2,0,9,text,da,na,1,0;4,5,-1,6,null,db,nb,0,0;] /b 0 1 0 0 0 [] "
-                           "/c 1 1 0 0 0 [7,7,7,7,null,dc,nc,0,0;] ");
-    const std::string busy = "error: pclassList is in use by a class callback!";
-    EXPECT_THAT(log_tail(), FullyMatches(L("exit_list_function", busy) + L("init_list_function", busy) +
-                                         "(" + L("run_class_function", "kiv: [^\\n]*") + "){4}"));
+    g_reentry.clear();
+    EXPECT_EQ(reg()->run_class(&list_, -1, &content), 7);  // class 2 was given ret7 meanwhile
+    EXPECT_EQ(g_reentry, (std::vector<int>{-1, -1, 0, 20}));  // run_class(0) ran meddle again: 2 parameters
+    EXPECT_EQ(reg()->run_class(&list_, 1, &content), 1);
+    EXPECT_EQ(dump(list_), kBuilt);
+    ASSERT_EQ(reg()->register_class_func(&list_, -1, nullptr), 0);
+    EXPECT_EQ(reg()->run_class(&list_, -1, nullptr), 0);
+    const std::string busy = "error: pclassList is in use by a class callback!", fun = "kiv: classIndex=";
+    EXPECT_THAT(log_tail(),
+                FullyMatches(L(kRun, fun + "-1, i=0, pfun;0x[0-9a-f]+") + L(kRun, fun + "-1, i=1, pfun;0x[0-9a-f]+") +
+                             L(kRun, fun + "-1, i=2, pfun;0x[0-9a-f]+") + L(kRun, fun + "1, i=1, pfun;0x[0-9a-f]+") +
+                             L(kExit, busy) + L(kInit, busy) + L(kRun, fun + "0, i=0, pfun;0x[0-9a-f]+") + "(" +
+                             L(kRun, fun + R"(-1, i=\d, pfun;0x[0-9a-f]+)") + "){3}" +
+                             L(kRun, fun + "1, i=1, pfun;0x[0-9a-f]+") + L(kRun, fun + "-1, i=0, pfun:NULL") +
+                             L(kRun, fun + "-1, i=1, pfun:NULL") + L(kRun, fun + "-1, i=2, pfun:NULL")));
 }
 
+// Each refusal names what is wrong, in this order, and changes nothing.
 TEST_F(ParameterTest, ArgumentChecksComeInOrderAndChangeNothing) {
     build();
-    const std::string before = dump(list_);
     UTIL_U32 word = 0x55;
     EXPECT_EQ(reg()->register_class_flag(nullptr, 0, &word, UTIL_TRUE), -1);
     EXPECT_EQ(reg()->run_class(&list_, -2, nullptr), -1);
@@ -225,33 +199,33 @@ TEST_F(ParameterTest, ArgumentChecksComeInOrderAndChangeNothing) {
     util_parameter_base_one_t* kept = std::exchange(list_.pclass[2].paraList, nullptr);
     EXPECT_EQ(reg()->register_base_func(&list_, 2, 0, nullptr), -1);
     list_.pclass[2].paraList = kept;
-    EXPECT_EQ(dump(list_), before);
+    EXPECT_EQ(dump(list_), kBuilt);
     ASSERT_EQ(reg()->exit_list(&list_), 0);
     EXPECT_EQ(reg()->register_class_flag(&list_, 0, &word, UTIL_FALSE), -1);
     EXPECT_EQ(reg()->run_class(&list_, -1, nullptr), -1);
     EXPECT_EQ(word, 0x55u);
     EXPECT_THAT(log_tail(), FullyMatches(L("register_class_flag", "error: pclassList is NULL!") +
-                                         L("run_class_function", R"(error; classIndex=-2, outRange\[-1, 3\)!!!)") +
+                                         L(kRun, R"(error; classIndex=-2, outRange\[-1, 3\)!!!)") +
                                          L("register_class_function", R"(error; classIndex=3, outRange\[-1, 3\)!!!)") +
                                          L("register_base_function", R"(error; baseIndex=-2, outRange\[-1, 2\)!!!)") +
                                          L("register_base_flag", R"(error; baseIndex=2, outRange\[-1, 2\)!!!)") +
                                          L("register_base_flag", R"(error; baseIndex=1, outRange\[-1, 0\)!!!)") +
                                          L("register_base_function", R"(error: pclass\[2\]->paraList is NULL!!!)") +
-                                         L("exit_list_function", "free succeed, num;3") +
+                                         L(kExit, "free succeed, num;3") +
                                          L("register_class_flag", R"(error; classIndex=0, outRange\[-1, 0\)!!!)") +
-                                         L("run_class_function", "error: pclass is NULL!!!")));
+                                         L(kRun, "error: pclass is NULL!!!")));
 }
 
+// A flag is written (any non-zero "set") or read back; -1 reaches every
+// record, and a read with -1 gives the last record's word.
 TEST_F(ParameterTest, FlagsRoundTripAndMinusOneMeansEveryRecord) {
     build();
-    UTIL_U32 word = 0xdead;
+    UTIL_U32 word = 0xdead, set = 0xfeedbeef;
     ASSERT_EQ(reg()->register_class_flag(&list_, 1, &word, UTIL_FALSE), 0);
-    EXPECT_EQ(word, 0u);  // a fresh list reads 0
-    UTIL_U32 set = 0xfeedbeef;
+    EXPECT_EQ(word, 0u);
     ASSERT_EQ(reg()->register_class_flag(&list_, 1, &set, static_cast<UTIL_BOOL>(2)), 0);  // a C caller's "true"
     ASSERT_EQ(reg()->register_class_flag(&list_, 1, &word, UTIL_FALSE), 0);
     EXPECT_EQ(word, 0xfeedbeefu);
-    // -1 reaches every class, and every parameter of each.
     word = 9;
     ASSERT_EQ(reg()->register_class_flag(&list_, -1, &word, UTIL_TRUE), 0);
     ASSERT_EQ(reg()->register_base_flag(&list_, -1, -1, &word, UTIL_TRUE), 0);
@@ -259,7 +233,6 @@ TEST_F(ParameterTest, FlagsRoundTripAndMinusOneMeansEveryRecord) {
     ASSERT_EQ(reg()->register_base_func(&list_, 2, 0, base_cb), 0);
     EXPECT_EQ(dump(list_), "/a 2 1 9 0 0 [1,2,0,9,text,da,na,1,9;4,5,-1,6,null,db,nb,1,9;] /b 0 1 9 0 0 [] "
                            "/c 1 1 9 0 0 [7,7,7,7,null,dc,nc,1,9;] ");
-    // A read with -1 gives the last record's word.
     set = 4;
     ASSERT_EQ(reg()->register_base_flag(&list_, 2, 0, &set, UTIL_TRUE), 0);
     ASSERT_EQ(reg()->register_base_flag(&list_, -1, -1, &word, UTIL_FALSE), 0);

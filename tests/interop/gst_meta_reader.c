@@ -1,8 +1,9 @@
 /* Prints the time code of every frame as GStreamer reads it: its parser
  * (h264parse/h265parse) turns the SEI into a GstVideoTimeCodeMeta, its
  * decoder puts the frames in presentation order. One line per frame,
- * "HH:MM:SS:FF FIELD_COUNT" (";" before FF with drop-frame counting), or
- * "none" for a frame without a time code. Exits 1 when the pipeline fails.
+ * "HH:MM:SS:FF" (";" before FF with drop-frame counting, "." or "," for a
+ * second field), or "none" for a frame without a time code. Exits 1 when
+ * the pipeline fails.
  *
  *   gst_meta_reader h264|h265 FILE */
 #include <gst/gst.h>
@@ -35,7 +36,7 @@ int main(int argc, char** argv) {
         GstVideoTimeCodeMeta* m = gst_buffer_get_video_time_code_meta(b);
         if (m != NULL) {
             gchar* t = gst_video_time_code_to_string(&m->tc);
-            printf("%s %u\n", t, m->tc.field_count);
+            printf("%s\n", t);
             g_free(t);
         } else {
             printf("none\n");

@@ -1,23 +1,19 @@
 #!/bin/sh
 # Real encoder output, stamped by quillane-tcstamp and by the quillanetcstamp
 # element (filesrc ! h26Xparse ! quillanetcstamp ! filesink), then read back
-# by readers that share no code with us: FFmpeg's decoder (ffprobe, frames in
-# presentation order), GStreamer's parser and decoder (gst_meta_reader) and
-# GStreamer's codec parsers (gst_timecode_reader, in stream order, with the
-# drop-frame flags). One row per kind of stream; each row either stamps, and
-# then every reader must see one label per stamped picture, consecutive in
-# presentation order from the start label, the stream must decode as cleanly
-# as before and hold nothing new but time codes, and a second stamping must
-# give the same bytes; or it is refused with the row's message, exit status 1
-# and no output file. The element must also run without a warning, and ignore
-# the drift check (with one warning) on a pipeline that is not live.
+# by FFmpeg's decoder (ffprobe) and GStreamer's parser and decoder
+# (gst_meta_reader), which share no code with us, and by --verify. One row
+# per kind of stream: it either stamps, and every reader sees one label per
+# picture counting on in presentation order from the start label, the
+# stream decodes as cleanly as before and holds nothing new but time codes,
+# and stamping it again gives the same bytes; or it is refused with the
+# row's message, exit status 1 and no output file. The element must run
+# without a warning, and ignore the drift check (with one warning) on a
+# pipeline that is not live.
 #
 #   stamp_matrix.sh TCSTAMP GST_META_READER [GST_PLUGIN_DIR]
-#
-# gst_timecode_reader is built beside gst_meta_reader.
 set -u
 tcstamp=$1 reader=$2 plugin_dir=${3:-}
-codec_reader=$(dirname "$reader")/gst_timecode_reader
 work=$(mktemp -d "${TMPDIR:-/tmp}/quillane-matrix.XXXXXX") || exit 1
 trap 'rm -rf "$work"' EXIT
 cd "$work" || exit 1
@@ -47,62 +43,78 @@ encode() {
         -f $format "$file" || fail "ffmpeg could not encode"
 }
 
-# The labels drop-frame or plain counting gives from START, N of them, each
-# with cnt_dropped_flag: set on the label that follows skipped counts.
+# labels START N FPS_X100: "HH:MM:SS:FF cnt_dropped_flag counting_type" for
+# the N labels from START; drop-frame counting writes ";" before FF and sets
+# cnt_dropped_flag on the label that follows the skipped counts.
 labels() {
     awk -v start="$1" -v n="$2" -v fps="$3" 'BEGIN {
         split(start, t, /[:;]/); h = t[1] + 0; m = t[2] + 0; s = t[3] + 0; f = t[4] + 0; d = 0
         whole = int((fps + 50) / 100); drop = fps == 2997 ? 2 : fps == 5994 ? 4 : 0
         for (i = 0; i < n; i++) {
-            printf "%02d:%02d:%02d:%02d %d\n", h, m, s, f, d
+            printf "%02d:%02d:%02d%s%02d %d %d\n", h, m, s, drop ? ";" : ":", f, d, drop ? 4 : 1
             d = 0
             if (++f == whole) { f = 0; if (++s == 60) { s = 0; if (++m == 60) { m = 0; h = (h + 1) % 24 } } }
             if (f == 0 && s == 0 && m % 10 != 0 && drop) { f = drop; d = 1 }
         }
     }'
 }
-name=reference
-[ "$(labels '00:00:59;28' 3 2997 | tail -n 1)" = '00:01:00:02 1' ] || fail "drop-frame counting skips no counts at the minute"
+
+# differ WHAT EXPECTED ACTUAL: a failure with the first differences.
+differ() {
+    cmp -s "$2" "$3" || { fail "$1 (< expected, > read):"; diff "$2" "$3" | head -n 8 >&2; }
+}
 
 # check OUT CODEC START FPS STAMPED IN: what the readers read of OUT.
 check() {
     out=$1 codec=$2 start=$3 fps=$4 stamped=$5 in=$6
-    labels "$start" "$stamped" "$fps" >expected_flags.txt
-    cut -d' ' -f1 expected_flags.txt >expected.txt
+    labels "$start" "$stamped" "$fps" >expected.txt
+    cut -d' ' -f1 expected.txt >expected_labels.txt
+    tr ';' ':' <expected_labels.txt >expected_plain.txt
     ffprobe -v error -show_entries frame_tags=timecode -of flat "$out" |
         sed -n 's/^frames\.frame\.[0-9]*\.tags\.timecode="\(.*\)"$/\1/p' | tr ';' ':' >ffprobe.txt
-    cmp -s expected.txt ffprobe.txt || { fail "$out: FFmpeg reads other labels (< expected, > ffprobe):"; diff expected.txt ffprobe.txt | head -n 8 >&2; }
-    # Our own reader finds nothing wrong, and reads what FFmpeg reads.
+    differ "$out: FFmpeg reads other labels" expected_plain.txt ffprobe.txt
+    # FFmpeg's syntax reader is strict where its decoder is not: every unit,
+    # our SEI's payload alignment bits included, must parse.
+    ffmpeg -nostdin -v error -i "$out" -c copy -bsf:v trace_headers -f null - 2>&1 | grep 'Failed to read' >syntax.txt
+    [ -s syntax.txt ] && fail "$out: FFmpeg cannot read a unit's syntax: $(head -n 1 syntax.txt)"
+    # GStreamer's meta says drop-frame counting too; "." and "," mark the second field.
+    "$reader" "$codec" "$out" 2>gst.err | grep -v '^none$' | tr ',.' ';:' >gst.txt
+    [ -s gst.err ] && fail "$out: GStreamer reports: $(head -n 3 gst.err)"
+    differ "$out: GStreamer reads other labels" expected_labels.txt gst.txt
+    # Our own reader finds nothing wrong, and reads the flags the counting needs.
     "$tcstamp" --verify "$out" >verify.txt 2>&1 || fail "$out: --verify reports: $(grep -m 3 '^!' verify.txt)"
-    grep -v '^!' verify.txt | sed '$d' | awk '$3 != "-" { print $3 }' | tr ';' ':' >verify_labels.txt
-    cmp -s ffprobe.txt verify_labels.txt || { fail "$out: --verify reads other labels than FFmpeg (< ffprobe, > verify):"; diff ffprobe.txt verify_labels.txt | head -n 8 >&2; }
-    "$reader" "$codec" "$out" 2>gst.err | grep -v '^none$' | cut -d' ' -f1 | tr ';,.' ':::' >gst.txt
-    cmp -s expected.txt gst.txt || { fail "$out: GStreamer reads other labels (< expected, > GStreamer):"; diff expected.txt gst.txt | head -n 8 >&2; }
-    # The codec parsers read the flags too: counting_type 4 is drop-frame
-    # counting. They cannot size the time codes of a cut stream that come
-    # before its first parameter sets.
-    if [ -z "${CUT:-}" ]; then
-        counting=1
-        [ "$fps" = 2997 ] || [ "$fps" = 5994 ] && counting=4
-        awk -v c=$counting '{ print $1, $2, c }' expected_flags.txt | sort >expected_units.txt
-        "$codec_reader" "$codec" "$out" 2>units.err | grep -v '^absent$' | sort >units.txt
-        [ -s units.err ] && fail "$out: GStreamer's codec parser rejected a unit: $(head -n 3 units.err)"
-        cmp -s expected_units.txt units.txt || { fail "$out: the codec parsers read other time codes (< expected 'label cnt_dropped_flag counting_type', > GStreamer):"; diff expected_units.txt units.txt | head -n 8 >&2; }
-    fi
-    # Without SEI units and access unit delimiters (a parser may add those),
-    # output and input are the same bytes: no unit dropped, reordered or altered.
+    sed -n 's/^[0-9]* . \([0-9:;]*\) .*counting_type=\([0-9]*\) cnt_dropped_flag=\([0-9]\).*/\1 \3 \2/p' verify.txt >verify_flags.txt
+    differ "$out: --verify reads other time codes ('label cnt_dropped_flag counting_type')" expected.txt verify_flags.txt
+    facts "$in" in
+    facts "$out" out
+    cmp -s bare.in bare.out || fail "$out: holds more than the input and its time codes"
+    cmp -s errors.in errors.out || fail "$out: FFmpeg reports decoding errors the input did not have"
+    cmp -s interlaced.in interlaced.out || fail "$out: the interlace flags changed"
+}
+
+# facts FILE SUFFIX: the stream without SEI units and access unit delimiters
+# (a parser may add those), so that stamping may change nothing else; the
+# number of FFmpeg's decoding errors (a cut stream has its own); the
+# interlace flags FFmpeg takes from pic_struct.
+facts() {
     units=6\|9 format=h264
     [ "$codec" = h265 ] && units=35\|39\|40 format=hevc
-    ffmpeg -nostdin -v error -i "$in" -c copy -bsf:v "filter_units=remove_types=$units" -f $format -y bare_in.bin
-    ffmpeg -nostdin -v error -i "$out" -c copy -bsf:v "filter_units=remove_types=$units" -f $format -y bare_out.bin
-    cmp -s bare_in.bin bare_out.bin || fail "$out: holds more than the input and its time codes"
-    # Stamping adds no decoding error (a cut stream has its own).
-    ffmpeg -nostdin -v error -i "$in" -f null - 2>&1 | wc -l >errors_in.txt
-    ffmpeg -nostdin -v error -i "$out" -f null - 2>&1 | wc -l >errors_out.txt
-    cmp -s errors_in.txt errors_out.txt || fail "$out: FFmpeg reports decoding errors the input did not have"
-    ffprobe -v error -show_entries frame=interlaced_frame -of csv=p=0 "$in" 2>/dev/null | tr -d , | grep . >interlaced_in.txt
-    ffprobe -v error -show_entries frame=interlaced_frame -of csv=p=0 "$out" 2>/dev/null | tr -d , | grep . >interlaced_out.txt
-    cmp -s interlaced_in.txt interlaced_out.txt || fail "$out: the interlace flags changed"
+    ffmpeg -nostdin -v error -i "$1" -c copy -bsf:v "filter_units=remove_types=$units" -f $format -y "bare.$2"
+    ffmpeg -nostdin -v error -i "$1" -f null - 2>&1 | wc -l >"errors.$2"
+    ffprobe -v error -show_entries frame=interlaced_frame -of csv=p=0 "$1" 2>/dev/null | tr -d , | grep . >"interlaced.$2"
+}
+
+# refuse STATUS WORDS ARGS...: the tool exits with STATUS, says WORDS, and
+# leaves no out.bin behind.
+refuse() {
+    expect_status=$1 expect=$2
+    shift 2
+    rm -f out.bin
+    "$tcstamp" "$@" >/dev/null 2>tool.err
+    status=$?
+    [ $status -eq "$expect_status" ] || fail "$*: exit status $status, not $expect_status"
+    grep -q -- "$expect" tool.err || fail "$*: no \"$expect\" in: $(cat tool.err)"
+    [ ! -e out.bin ] || fail "$*: an output file was left behind"
 }
 
 # row NAME CODEC RATE FPS_X100 START EXPECT -- ENCODER-ARGS...
@@ -114,15 +126,8 @@ row() {
     encode "$name" "$codec" "$rate" 60 "$@"
     in=$name.$codec
     [ -n "${CUT:-}" ] && { pos=$(ffprobe -v error -show_entries packet=pos -of csv=p=0 "$in" | sed -n "$((CUT + 1))p"); tail -c +$((pos + 1)) "$in" >cut && mv cut "$in"; }
-    "$tcstamp" "$in" out.$codec --start "$start" >list.txt 2>tool.err
-    status=$?
-    if [ "$expect" != ok ]; then
-        [ $status -eq 1 ] || fail "exit status $status, not 1, for a stream that must be refused"
-        grep -q -- "$expect" tool.err || fail "refusal without \"$expect\": $(cat tool.err)"
-        [ ! -e out.$codec ] || fail "an output file was left behind"
-        return
-    fi
-    [ $status -eq 0 ] || { fail "quillane-tcstamp failed: $(cat tool.err)"; return; }
+    [ "$expect" = ok ] || { refuse 1 "$expect" "$in" out.bin --start "$start"; return; }
+    "$tcstamp" "$in" out.$codec --start "$start" >list.txt 2>tool.err || { fail "quillane-tcstamp failed: $(cat tool.err)"; return; }
     stamped=$(sed -n 's/.*: \([0-9]*\) frames stamped.*/\1/p' tool.err)
     check out.$codec "$codec" "$start" "$fps" "$stamped" "$in"
     "$tcstamp" out.$codec again.$codec --start "$start" 2>/dev/null || fail "stamping the output again failed"
@@ -178,23 +183,12 @@ row h265_30 h265 30 3000 00:00:59:20 ok -- $(x265 bframes=0:keyint=30)
 row h265_60 h265 60 6000 00:00:59:40 ok -- $(x265 bframes=1:keyint=60)
 }
 
-# Inputs and options the tool refuses, each with its message and status;
-# none leaves an output file behind.
+# Inputs and options the tool refuses.
 name=bad_inputs
 encode plain h264 25 10 $(x264 -bf 0 -x264-params $hrd)
 encode plain h265 25 10 $(x265 bframes=0)
 mkdir dir
 printf 'not a stream' >text.bin
-refuse() {
-    expect_status=$1 expect=$2
-    shift 2
-    rm -f out.bin
-    "$tcstamp" "$@" >/dev/null 2>tool.err
-    status=$?
-    [ $status -eq "$expect_status" ] || fail "$*: exit status $status, not $expect_status"
-    grep -q -- "$expect" tool.err || fail "$*: no \"$expect\" in: $(cat tool.err)"
-    [ ! -e out.bin ] || fail "$*: an output file was left behind"
-}
 refuse 1 'it is a directory' dir out.bin
 refuse 1 'not an Annex B' text.bin out.bin
 refuse 1 'cannot read' missing.bin out.bin
