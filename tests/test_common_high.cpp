@@ -170,6 +170,11 @@ TEST_F(ConfigUpdate, MatchingLinesAreReplacedInANewFile) {
     EXPECT_THAT(GetCapturedStderr(), FullyMatches(err("Func_update_line_conf_str", "error: format is wrong\n") +
                                                   err("Func_update_line_conf_int", "error: format is wrong\n")));
     EXPECT_EQ(high()->update_line_conf(c(dir_.file("missing.conf")), c("b"), c("b=1")), -1);
+    // Each missing text alone is refused, the file untouched.
+    EXPECT_EQ(high()->update_line_conf(nullptr, c("x"), c("x=2")), -1);
+    EXPECT_EQ(high()->update_line_conf(c(path_), nullptr, c("x=2")), -1);
+    EXPECT_EQ(high()->update_line_conf(c(path_), c("x"), nullptr), -1);
+    EXPECT_EQ(read_file(path_), "x=1\ny=2");
     EXPECT_EQ(names_in(dir_.path()), (std::set<std::string>{"app.conf", "app.conf.old"}));
 }
 

@@ -152,6 +152,10 @@ TEST(StringList, BuildsZeroedBuffersAndRefusesBadShapes) {
     }
     EXPECT_EQ(cb().strList_free(list), 0);
     EXPECT_EQ(cb().strList_free(util_string_list_t{nullptr, 5}), -1);
+    // The smallest shape taken: one text of two bytes.
+    ASSERT_EQ(cb().strList_malloc(&list, 1, 2), 0);
+    EXPECT_EQ(list.size, 1);
+    EXPECT_EQ(cb().strList_free(list), 0);
 
     // Zero or negative shapes are refused, and the record is left empty so
     // that a release afterwards is harmless.

@@ -72,7 +72,9 @@ TEST(AnnexB, PiecewiseCutMatchesTheWholeStreamCut) {
             const std::size_t end = a + 1 < aus.size() ? all[aus[a + 1].begin].sc_begin : s.size();
             whole.emplace_back(s.begin() + static_cast<std::ptrdiff_t>(begin), s.begin() + static_cast<std::ptrdiff_t>(end));
         }
-        if (&s == &hand) EXPECT_EQ(aus.at(0).end, 5u);
+        if (&s == &hand) {
+            EXPECT_EQ(aus.at(0).end, 5u);
+        }
         for (std::size_t piece : {std::size_t{1}, std::size_t{3}, std::size_t{4096}, s.size()})
             EXPECT_EQ(cut(s, codec, piece), whole) << s.size() << " bytes in pieces of " << piece;
     }
@@ -219,4 +221,27 @@ TEST(StreamStamper, ReplacesTimingInsideAMultiMessageUnit) {
     EXPECT_EQ(frames.size(), again.size());
     for (const FrameTimeCode& f : frames) EXPECT_TRUE(f.messages == 1 && f.findings.empty()) << f.index;
     EXPECT_EQ(stamp(again, {1, 0, 0, 0}), again);
+}
+
+// Emulation prevention both ways: a 03 goes in front of 00 to 03 after two
+// zeros, and the 03 starts the count of zeros again.
+TEST(EmulationPrevention, EscapesAndRestoresEveryRun) {
+    const struct {
+        Bytes rbsp, escaped;
+    } rows[] = {
+        {{0, 0, 0}, {0, 0, 3, 0}},
+        {{0, 0, 1}, {0, 0, 3, 1}},
+        {{0, 0, 3}, {0, 0, 3, 3}},
+        {{0, 0, 4}, {0, 0, 4}},
+        {{0, 0, 0, 3, 5}, {0, 0, 3, 0, 3, 5}},
+        {{0, 0, 0, 0, 0}, {0, 0, 3, 0, 0, 3, 0}},
+        {{1, 0, 2, 0, 0}, {1, 0, 2, 0, 0}},
+    };
+    for (const auto& row : rows) {
+        Bytes escaped;
+        escape_into(row.rbsp, escaped);
+        EXPECT_EQ(escaped, row.escaped);
+        EXPECT_EQ(unescape(row.escaped), row.rbsp);
+    }
+    EXPECT_EQ(unescape(Bytes{0, 0, 3, 0, 3, 5}, 3), (Bytes{0, 0, 0}));
 }
