@@ -134,6 +134,8 @@ TEST(RangeValidator, RegexSizeBoundAndSearch) {
         {"x\ny", "x$", kNoMatch},     {"x\ny", "a|^y", kNoMatch},
         {"y\nx", "a|^y", kMatch},     {"x\ny", "[^x]y", kMatch},
         {"b)", "a|b)", kMatch},       {"b", "a|b)", kNoMatch},
+        // A ")" inside a bracket, also behind a class name, is a member.
+        {")", "[[:alpha:])]", kMatch}, {"\\", "[[:alpha:])]", kNoMatch},
     };
     for (const auto& row : rows) {
         EXPECT_EQ(judge(row.value.c_str(), ("3#" + row.pattern + "#").c_str()), want[row.want]) << row.pattern;
