@@ -78,16 +78,14 @@ TEST_F(NetFiles, GatewayIsTheFirstUpGatewayRoute) {
         CaptureStderr();
         EXPECT_EQ(net->get_gateway(&addr), row.rc) << row.table;
         EXPECT_EQ(net->get_gateway_str(shown), row.shown ? 0 : -1);
-        // Only on tables without a gateway line: deleting one would reach the host's routes.
-        if (row.rc == -1) EXPECT_EQ(net->clean_gateway(), row.table == "-" ? -1 : 0);
-        EXPECT_THAT(GetCapturedStderr(), FullyMatches(row.table != "-" ? "" : missing + missing +
-                    net_error("Func_net_clean_gateway", "error: " + route_ + ", INET (IPv4) not configured in this system\n")));
+        // clean_gateway is left to the namespace tests: this process runs in
+        // the host's network, whose routes no test may touch.
+        EXPECT_THAT(GetCapturedStderr(), FullyMatches(row.table != "-" ? "" : missing + missing));
         EXPECT_EQ(addr, row.shown ? inet_addr(row.shown) : 0u);
         EXPECT_STREQ(shown, row.shown ? row.shown : "untouched");
     }
     qtest::write_file(route_, "");  // not even a header
     EXPECT_EQ(net->get_gateway(nullptr) + net->get_gateway_str(nullptr), -2);
-    EXPECT_EQ(net->clean_gateway(), 0);
 }
 
 // Only the start of the file counts: "nameserver", white space, one token of
