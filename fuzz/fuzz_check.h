@@ -1,6 +1,5 @@
-// Shared by the fuzz targets: invariant checks that keep the input, and
-// exactly sized heap copies so that AddressSanitizer reports a read or
-// write one byte past what the library was given.
+// Shared by the fuzz targets: invariant checks that keep the input, and exactly sized heap copies
+// so that AddressSanitizer reports a read or write one byte past what the library was given.
 #pragma once
 
 #include <unistd.h>
@@ -9,64 +8,54 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 
 namespace fuzz {
 
-// The runner closes stderr to silence the library's diagnostics (libFuzzer
-// and the sanitizers keep a copy of it), so the broken invariant goes to
-// stdout before the trap makes libFuzzer save the input.
+// The runner closes stderr to silence the library, so this goes to stdout before the trap saves the input.
 [[noreturn]] inline void fail(const char* file, int line, const char* what) {
     std::fprintf(stdout, "%s:%d: invariant broken: %s\n", file, line, what);
     std::fflush(stdout);
     __builtin_trap();
 }
 
+// n bytes, uninitialised, or a copy of n bytes followed by a terminator when asked for one.
 class Block {
 public:
-    // n bytes, uninitialised.
     explicit Block(std::size_t n) : p_(static_cast<char*>(std::malloc(n == 0 ? 1 : n))) {
         if (p_ == nullptr) std::abort();
     }
-    // A copy of n bytes, followed by a terminator when asked for one.
     Block(const void* src, std::size_t n, bool terminated) : Block(n + (terminated ? 1 : 0)) {
-        if (n > 0) std::memcpy(p_, src, n);
+        if (n > 0) std::memcpy(p_.get(), src, n);
         if (terminated) p_[n] = '\0';
     }
-    ~Block() { std::free(p_); }
-    Block(const Block&) = delete;
-    Block& operator=(const Block&) = delete;
-
-    char* get() const { return p_; }
+    char* get() const { return p_.get(); }
 
 private:
-    char* p_;
+    struct Free {
+        void operator()(char* p) const { std::free(p); }
+    };
+    std::unique_ptr<char[], Free> p_;
 };
 
 // One scratch file per process for targets that read files, removed at exit.
 inline const char* scratch_path() {
     static char name[] = "/tmp/quillane_fuzz_XXXXXX";
-    static const bool made = [] {
+    [[maybe_unused]] static const bool made = [] {
         const int fd = mkstemp(name);
         if (fd < 0) std::abort();
         close(fd);
-        std::atexit([] { std::remove(name); });
-        return true;
+        return std::atexit([] { std::remove(name); }) == 0;
     }();
-    (void)made;
     return name;
 }
 
-// Replaces the scratch file's contents with n bytes.
 inline void write_scratch(const void* data, std::size_t n) {
     FILE* fp = std::fopen(scratch_path(), "wb");
-    if (fp == nullptr) std::abort();
-    if (n > 0 && std::fwrite(data, 1, n, fp) != n) std::abort();
+    if (fp == nullptr || (n > 0 && std::fwrite(data, 1, n, fp) != n)) std::abort();
     std::fclose(fp);
 }
 
 }  // namespace fuzz
 
-#define CHECK(cond)                                              \
-    do {                                                         \
-        if (!(cond)) ::fuzz::fail(__FILE_NAME__, __LINE__, #cond); \
-    } while (0)
+#define CHECK(cond) ((cond) ? (void)0 : ::fuzz::fail(__FILE_NAME__, __LINE__, #cond))
