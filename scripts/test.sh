@@ -26,7 +26,7 @@ elif [ "${1:-}" = "--tsan" ]; then
     build=$root/build-tsan
     options=(-DQUILLANE_TSAN=ON -DCMAKE_BUILD_TYPE=Debug -DQUILLANE_BUILD_BENCH=OFF)
     targets=(quillane_tests quillane_param_tests quillane_internal_tests)
-    select=(-R '^(TraceTest|SyslogTest|CmdDumpTest|LifecycleTest|NolocksLocaltime|Containers|Linked|Arrays|Model|OutOfMemory|ParameterTest|ParameterOutOfMemory)\.')
+    select=(-R '^(TraceTest|CmdDumpTest|LifecycleTest|NolocksLocaltime|Containers|Model|OutOfMemory|ParameterTest|ParameterOutOfMemory)\.')
     export TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1}
     # This runtime expects the address-space layout of at most 28 random
     # mmap bits and stops with "unexpected memory mapping" beyond that. Lower

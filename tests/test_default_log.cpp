@@ -1,38 +1,27 @@
-// The default log file "/dev/util_dbgout.log" is real: this test needs root,
-// puts back what was there and runs in an executable of its own so no other
-// test shares the path.
+// The real default log: needs root, and an executable of its own so no other test shares it.
 #include "test_support.h"
 
 using namespace qtest;
 
 namespace {
 
-constexpr const char* kDefaultLog = "/dev/util_dbgout.log";
-
-class DefaultLogTest : public DebugRecordTest {};
-
-// The defaults: the device log, 1 MiB, enabled, no stream open; messages are
-// appended after reopening.
-TEST_F(DefaultLogTest, DefaultsAppendPlainMessagesToTheDeviceLog) {
-    if (geteuid() != 0) GTEST_SKIP() << "needs root to write " << kDefaultLog;
-    const bool had_file = exists(kDefaultLog);
-    const std::string previous = had_file ? read_file(kDefaultLog) : "";
-    EXPECT_STREQ(attr()->get_dbglog_logPath(), kDefaultLog);
-    EXPECT_EQ(attr()->get_dbglog_logMaxSize(), 0x100000u);
-    EXPECT_EQ(attr()->get_dbglog_enable(), UTIL_DBGOUT_DBGLOG_ENABLE);
-    EXPECT_EQ(dbg()->enType, 1u);
-    EXPECT_EQ(dbg()->dbglogAttr.log_fp, nullptr);
-    {
-        MachineWideFile device_log(kDefaultLog);
-        EXPECT_EQ(util_ops_pfun->util_init(), 0);
-        attr()->fclose_dbglog_fp();
-        EXPECT_EQ(util_ops_pfun->util_exit(), 0);
-        attr()->fclose_dbglog_fp();
-        EXPECT_THAT(read_file(kDefaultLog), FullyMatches(R"((\[util_function\.cpp \+\d+ +Func_util_func_init\] )"
-                                                         R"([^\n]*\n){9}\[util_function\.cpp \+\d+ +)"
-                                                         R"(Func_util_func_exit\] util exit\n)"));
-    }
-    if (had_file) write_file(kDefaultLog, previous);
+// Defaults, then messages appended across a reopen; stale and own logs are removed.
+TEST(DefaultLogTest, DefaultsAppendPlainMessagesToTheDeviceLog) {
+    const util_dbgout_t& d = *dbg();
+    EXPECT_EQ(std::make_tuple(std::string(d.dbglogAttr.log_path), d.dbglogAttr.log_max_size, d.dbglogAttr.enable,
+                              d.enType, d.dbglogAttr.log_fp, d.syslogAttr.priority, d.syslogAttr.timestamp_enable,
+                              d.extraInfo.log_timezone, d.extraInfo.log_daylight, d.extraInfo.timestamp_bits),
+              std::make_tuple(std::string("/dev/util_dbgout.log"), UTIL_U64{0x100000}, 1u, 1u, nullptr, 0, 0u,
+                              time_t{0}, 0, 0u));
+    if (geteuid() != 0) GTEST_SKIP() << "needs root to write " << d.dbglogAttr.log_path;
+    MachineWideFile device_log(d.dbglogAttr.log_path);
+    EXPECT_EQ(util_ops_pfun->util_init(), 0);
+    attr()->fclose_dbglog_fp();
+    EXPECT_EQ(util_ops_pfun->util_exit(), 0);
+    attr()->fclose_dbglog_fp();
+    const std::string text = read_file(device_log.path());
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 10) << text;
+    EXPECT_THAT(text, testing::EndsWith("Func_util_func_exit] util exit\n"));
 }
 
 }  // namespace
