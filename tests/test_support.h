@@ -1,10 +1,9 @@
-// Helpers shared by the tests: temporary directories, whole-file reads,
+// Shared by the tests: temporary directories, whole files, machine-wide paths
 // and a guard that puts the global debug record back as it was.
 #pragma once
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -25,13 +24,8 @@ namespace qtest {
 class TempDir {
 public:
     TempDir() {
-        std::string pattern = (std::filesystem::temp_directory_path() / "quillane_test_XXXXXX").string();
-        std::vector<char> buf(pattern.begin(), pattern.end());
-        buf.push_back('\0');
-        if (mkdtemp(buf.data()) == nullptr) {
-            ADD_FAILURE() << "mkdtemp failed";
-        }
-        path_ = buf.data();
+        path_ = (std::filesystem::temp_directory_path() / "quillane_test_XXXXXX").string();
+        if (mkdtemp(path_.data()) == nullptr) ADD_FAILURE() << "mkdtemp failed";
     }
     ~TempDir() {
         std::error_code ec;
@@ -62,14 +56,6 @@ inline void write_file(const std::string& path, const std::string& content) {
 // The whole text matches an ECMAScript regular expression.
 MATCHER_P(FullyMatches, pattern, "") { return std::regex_match(std::string(arg), std::regex(std::string(pattern))); }
 
-// The wall clock's seconds as the library reads them (gettimeofday); time()
-// may lag it by a tick across a second boundary.
-inline time_t wall_seconds() {
-    struct timeval tv;
-    gettimeofday(&tv, nullptr);
-    return tv.tv_sec;
-}
-
 // A literal text as a regular expression that matches only itself.
 inline std::string regex_escape(const std::string& text) {
     static const std::regex special(R"([.^$|()\[\]{}*+?\\])");
@@ -84,11 +70,9 @@ inline std::string net_error(const std::string& func, const std::string& text) {
 
 inline bool exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 
-// A file at a fixed path shared by the whole machine, which a test may
-// create. One left behind by an interrupted run is removed before the test
-// starts, and whatever the test created is removed however it ends, so no run
-// inherits another's. held() is false when a stale file is still there
-// (removing it needs root).
+// A machine-wide path a test may create: removed before the test (a stale one
+// from an interrupted run) and after it, however it ends. held() is false when
+// a stale file could not be removed (that needs root).
 class MachineWideFile {
 public:
     explicit MachineWideFile(std::string path) : path_(std::move(path)) { remove(); }
