@@ -1,10 +1,8 @@
-// Fuzzes the hexadecimal reader on arbitrary bytes, held in an exactly sized
-// heap block, against a plain strtoul-based reading; and the writer's text
-// read back, for the input's first four bytes as a number. The writers
-// themselves are held against the standard library by the regular tests.
-#include <cctype>
-#include <cstddef>
+// Fuzzes the hexadecimal reader and the number writers against the standard library.
+#include <algorithm>
+#include <bitset>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -14,24 +12,15 @@
 
 namespace {
 
-const util_ops_common_base_fun_t& ops() { return *util_ops_pfun->common_base; }
-
-bool is_x(std::uint8_t c) { return c == 'x' || c == 'X'; }
-
-// The reading the text should get: an optional "-0x" or "0x" prefix, then
-// hexadecimal digits only, of which the last eight survive the 32-bit wrap.
-bool expected_htoi(const std::uint8_t* s, std::size_t n, std::int32_t* out) {
-    if (n == 0) return false;
-    std::size_t pos = 0;
-    const bool negative = s[0] == '-';
-    if (negative && (n < 4 || s[1] != '0' || !is_x(s[2]))) return false;
-    if (negative || (n > 2 && s[0] == '0' && is_x(s[1]))) pos = negative ? 3 : 2;
-    std::string digits(reinterpret_cast<const char*>(s) + pos, n - pos);
-    for (unsigned char c : digits) {
-        if (c >= 0x80 || !std::isxdigit(c)) return false;
-    }
-    if (digits.size() > 8) digits = digits.substr(digits.size() - 8);
-    const auto v = static_cast<std::uint32_t>(digits.empty() ? 0 : std::strtoul(digits.c_str(), nullptr, 16));
+// An optional "-0x" or "0x", then hexadecimal digits only, of which the last eight survive the wrap.
+bool expected_htoi(const std::string& s, std::int32_t* out) {
+    const bool negative = !s.empty() && s[0] == '-';
+    const bool prefixed = s.size() > 2u + negative && s[negative] == '0' && (s[negative + 1] | 0x20) == 'x';
+    const std::size_t pos = prefixed ? 2 + negative : 0;
+    if (pos == s.size() || negative != (pos == 3)) return false;
+    if (s.find_first_not_of("0123456789abcdefABCDEF", pos) != s.npos) return false;
+    const std::string last8 = s.substr(s.size() - pos > 8 ? s.size() - 8 : pos);
+    const auto v = static_cast<std::uint32_t>(std::strtoul(last8.c_str(), nullptr, 16));
     *out = static_cast<std::int32_t>(negative ? 0u - v : v);
     return true;
 }
@@ -39,20 +28,28 @@ bool expected_htoi(const std::uint8_t* s, std::size_t n, std::int32_t* out) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    const auto& ops = *util_ops_pfun->common_base;
     const fuzz::Block text(data, size, false);
-    constexpr std::int32_t kUntouched = 0x5EED5EED;
-    std::int32_t num = kUntouched, want = 0;
-    const UTIL_S32 rc = ops().htoi(text.get(), &num, static_cast<UTIL_S32>(size));
-    const bool valid = expected_htoi(data, size, &want);
-    CHECK(rc == (valid ? 0 : -1));
-    CHECK(num == (valid ? want : kUntouched));
+    std::int32_t num = 0x5EED5EED, want = num;
+    const bool valid = expected_htoi(std::string(reinterpret_cast<const char*>(data), size), &want);
+    CHECK(ops.htoi(text.get(), &num, static_cast<UTIL_S32>(size)) == (valid ? 0 : -1) && num == want);
     CHECK(size == 0 || std::memcmp(text.get(), data, size) == 0);
-    if (size >= 4) {
-        std::int32_t n;
-        std::memcpy(&n, data, 4);
-        const fuzz::Block hex(12);
-        const UTIL_S32 len = ops().itoh(n, hex.get());
-        CHECK(ops().htoi(hex.get(), &num, len) == 0 && num == n);
-    }
+    if (size < 4) return 0;
+
+    // The smallest buffers the writers are promised: 12 bytes, and 33 for the binary texts.
+    std::int32_t n;
+    std::memcpy(&n, data, 4);
+    const auto u = static_cast<std::uint32_t>(n);
+    const fuzz::Block dec(12), hex(12), bin(33), bin2(33);
+    char want_hex[16];
+    std::snprintf(want_hex, sizeof want_hex, n < 0 ? "-0x%X" : "%X", n < 0 ? 0u - u : u);
+    const std::string want_bin = std::bitset<32>(u).to_string();
+    const std::string want_bin2 = want_bin.substr(n < 0 ? 0 : std::min(want_bin.find('1'), std::size_t{31}));
+    CHECK(ops.itoa(n, dec.get()) == 0 && dec.get() == std::to_string(n));
+    CHECK(ops.itoh(n, hex.get()) == static_cast<int>(std::strlen(want_hex)));
+    CHECK(std::strcmp(hex.get(), want_hex) == 0);
+    CHECK(ops.itob(n, bin.get()) == 32 && bin.get() == want_bin);
+    CHECK(ops.itob2(n, bin2.get()) == static_cast<int>(want_bin2.size()) && bin2.get() == want_bin2);
+    CHECK(ops.htoi(hex.get(), &num, static_cast<UTIL_S32>(std::strlen(hex.get()))) == 0 && num == n);
     return 0;
 }

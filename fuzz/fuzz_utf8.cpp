@@ -1,8 +1,5 @@
-// Fuzzes the UTF-8 checks on arbitrary bytes up to the first zero byte,
-// handed over as an exactly sized terminated heap block: no read may pass
-// the terminator. The structural check and the counting walk are each held
-// against a plain reading of the same bytes.
-#include <cstddef>
+// Fuzzes the UTF-8 checks on an exactly sized terminated heap block against a plain reading.
+#include <bit>
 #include <cstdint>
 #include <cstring>
 
@@ -11,53 +8,34 @@
 
 namespace {
 
-const util_ops_common_base_fun_t& ops() { return *util_ops_pfun->common_base; }
-
-// Sequence length from the lead byte's run of leading ones: 0 ones is
-// ASCII, 1 is a continuation byte, 7 or 8 never start anything.
+// Leading ones of the lead byte: none is ASCII, one a continuation byte, seven or eight nothing.
 int lead_length(std::uint8_t c) {
-    const int ones = c == 0xFF ? 8 : __builtin_clz(static_cast<unsigned>(static_cast<std::uint8_t>(~c)) << 24);
-    if (ones == 0) return 1;
-    if (ones == 1 || ones > 6) return 0;
-    return ones;
+    const int ones = std::countl_one(c);
+    return ones == 0 ? 1 : ones == 1 || ones > 6 ? 0 : ones;
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    // The replay hands an empty input over as a null pointer.
+    const auto& ops = *util_ops_pfun->common_base;
     const std::size_t len = size == 0 ? 0 : strnlen(reinterpret_cast<const char*>(data), size);
     const fuzz::Block block(data, len, true);
-    char* text = block.get();
-    const auto* bytes = reinterpret_cast<const std::uint8_t*>(text);
-    for (std::size_t i = 0; i < len; ++i) CHECK(ops().getUtf8CharByteNum(bytes[i]) == lead_length(bytes[i]));
-
-    // Valid: every lead byte is followed by exactly its continuation bytes.
-    // The count steps from lead byte to lead byte without looking at what it
-    // steps over, and gives up on a bad lead or a sequence cut short; the
-    // per-length counters are added to up to that point.
-    bool valid = true, walked = true;
+    // The count skips what follows a lead; it stops at a bad lead or a cut sequence, counters kept.
+    bool valid = true;
     UTIL_S32 leads = 0, ascii = 0, three = 0;
-    for (std::size_t i = 0; i < len;) {
-        const int n = lead_length(bytes[i]);
-        if (n == 0 || i + n > len) {
-            valid = walked = false;
-            break;
-        }
-        for (int k = 1; k < n; ++k) valid = valid && (bytes[i + k] & 0xC0) == 0x80;
-        ++leads;
+    std::size_t i = 0;
+    for (std::size_t n; i < len && (n = lead_length(data[i])) != 0 && i + n <= len; i += n, ++leads) {
+        for (std::size_t k = 1; k < n; ++k) valid = valid && (data[i + k] & 0xC0) == 0x80;
         ascii += n == 1;
         three += n == 3;
-        i += n;
     }
-    CHECK(ops().isUtf8Format(text) == (valid ? 1 : 0));
-
+    const bool walked = i == len;
+    CHECK(ops.isUtf8Format(block.get()) == (valid && walked));
     UTIL_S32 cnt[3] = {-7, 10, 20};
-    const UTIL_S32 count = ops().getUtf8Length(text, cnt);
-    CHECK(count == (walked ? leads : 0));
-    CHECK(cnt[0] == (walked ? leads : -7));
-    CHECK(cnt[1] == 10 + ascii && cnt[2] == 20 + three);
-    CHECK(ops().getUtf8Length(text, nullptr) == count);
-    CHECK(len == 0 || std::memcmp(text, data, len) == 0);
+    const UTIL_S32 count = ops.getUtf8Length(block.get(), cnt);
+    CHECK(count == (walked ? leads : 0) && cnt[0] == (walked ? leads : -7));
+    CHECK(cnt[1] == 10 + ascii && cnt[2] == 20 + three && ops.getUtf8Length(block.get(), nullptr) == count);
+    for (std::size_t b = 0; b < len; ++b) CHECK(ops.getUtf8CharByteNum(data[b]) == lead_length(data[b]));
+    CHECK(len == 0 || std::memcmp(block.get(), data, len) == 0);
     return 0;
 }

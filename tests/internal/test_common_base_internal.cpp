@@ -1,5 +1,4 @@
-// String lists when the heap runs out: the exact report, and a partly built
-// list that the release still frees completely (LeakSanitizer watches).
+// String lists: a partly built list must still be released completely (LeakSanitizer watches).
 #include <gtest/gtest.h>
 
 #include <string>
@@ -10,29 +9,41 @@
 
 namespace {
 
-TEST(StringListAllocation, EveryFailureIsReportedAndReleasable) {
-    constexpr int kCount = 4;
-    for (long allowed = 0; allowed <= kCount; ++allowed) {
-        util_string_list_t list{};
-        UTIL_S32 rc;
-        testing::internal::CaptureStderr();
-        {
-            FailAllocationsAfter guard(allowed);
-            rc = util_ops_common_base_fun.strList_malloc(&list, kCount, 24);
-        }
-        const std::string err = testing::internal::GetCapturedStderr();
-        EXPECT_EQ(rc, -1) << allowed;
-        EXPECT_EQ(err.rfind("DBG_ERR:util_common_base_function.cpp Func_strList_malloc[", 0), 0u) << err;
-        EXPECT_EQ(err.substr(err.find("] ") + 2),
-                  allowed == 0 ? "error: malloc faild!!! buffer:pbuf->strList, type:util_string_t, count:4\n"
-                               : "error: malloc faild!!! buffer:pbuf->strList[index].string, type:char, count:24\n");
-        ASSERT_EQ(list.size, allowed == 0 ? 0 : kCount);
-        // The entries made before the failure are complete, the rest empty.
+// Builds a list with `allowed` allocations granted (-1 for all); returns the code and the message.
+std::pair<int, std::string> build(util_string_list_t* list, int count, int size, long allowed = -1) {
+    testing::internal::CaptureStderr();
+    FailAllocationsAfter guard(allowed);
+    const int rc = util_ops_common_base_fun.strList_malloc(list, count, size);
+    const std::string err = testing::internal::GetCapturedStderr();
+    if (err.empty()) return {rc, ""};
+    EXPECT_EQ(err.rfind("DBG_ERR:util_common_base_function.cpp Func_strList_malloc[", 0), 0u) << err;
+    return {rc, err.substr(err.find("] ") + 2)};
+}
+
+TEST(StringList, ShapesFailuresAndRelease) {
+    util_string_t junk{};
+    EXPECT_EQ(build(nullptr, 1, 1), std::make_pair(-1, std::string("error: pbuf is NULL!!!\n")));
+    // Refused shapes leave the record empty, so a release after is harmless.
+    for (auto [count, size] : {std::pair{0, 16}, {3, 0}, {-1, 16}, {3, -8}}) {
+        util_string_list_t list{&junk, 99};
+        const std::string want = "count:" + std::to_string(count) + " and size:" + std::to_string(size);
+        EXPECT_EQ(build(&list, count, size), std::make_pair(-1, "error: " + want + " must be positive!!!\n"));
+        EXPECT_TRUE(list.strList == nullptr && list.size == 0 && Func_strList_free(list) == -1) << count;
+    }
+    // Four texts of 24 bytes take five allocations; entries made before a failure are whole.
+    const std::string failed = "error: malloc faild!!! buffer:pbuf->strList";
+    const std::string messages[] = {failed + ", type:util_string_t, count:4\n",
+                                    failed + "[index].string, type:char, count:24\n", ""};
+    for (long allowed = 0; allowed <= 5; ++allowed) {
+        util_string_list_t list{&junk, 99};
+        const auto want = std::make_pair(allowed == 5 ? 0 : -1, messages[(allowed > 0) + (allowed == 5)]);
+        EXPECT_EQ(build(&list, 4, 24, allowed), want);
+        ASSERT_EQ(list.size, allowed == 0 ? 0 : 4);
         for (int i = 0; i < list.size; ++i) {
-            EXPECT_EQ(list.strList[i].string != nullptr, i < allowed - 1) << allowed << " " << i;
-            EXPECT_EQ(list.strList[i].length, i < allowed - 1 ? 24 : 0);
+            const util_string_t& s = list.strList[i];
+            EXPECT_TRUE(i < allowed - 1 ? std::string(s.string, s.length) == std::string(24, '\0')
+                                        : s.string == nullptr && s.length == 0) << allowed << " " << i;
         }
-        EXPECT_EQ(list.strList == nullptr, allowed == 0);
         EXPECT_EQ(Func_strList_free(list), allowed == 0 ? -1 : 0);
     }
 }
