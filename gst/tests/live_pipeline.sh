@@ -1,13 +1,9 @@
 #!/bin/sh
-# quillanetcstamp as a camera pipeline runs it: a live source, a real encoder
-# (with the HRD parameters and pic_struct decoders need for picture timing),
-# the parser, the element with its drift check on, to the end of the stream
-# without a warning (gst-launch-1.0 without -q, which would hide them); and
-# gst-inspect-1.0 describes every property.
-#
+# quillanetcstamp as a camera runs it: live source, encoder, parser and the element with its
+# drift check on, to the end without a warning (so without -q).
 #   live_pipeline.sh GST_LAUNCH GST_INSPECT
 set -u
-launch=$1 inspect=$2
+launch=$1
 work=$(mktemp -d "${TMPDIR:-/tmp}/quillane-gst-live.XXXXXX") || exit 1
 trap 'rm -rf "$work"' EXIT
 status=0
@@ -17,10 +13,6 @@ fail() {
     status=1
 }
 
-"$inspect" quillanetcstamp >"$work/inspect.txt" 2>&1 || fail "gst-inspect-1.0 does not find quillanetcstamp" - "$work/inspect.txt"
-for property in source max-fps-x100 drift-check frames-before-first-check start-time-code trace-file; do
-    grep -Eq "^  $property *: [^ ]+( [^ ]+){4}" "$work/inspect.txt" || fail "no description of $property" - /dev/null
-done
 # The first drift check comes after one second of frames, within the run.
 "$launch" videotestsrc is-live=true num-buffers=90 ! video/x-raw,width=320,height=240,framerate=30/1 \
     ! x264enc tune=zerolatency speed-preset=ultrafast key-int-max=30 vbv-buf-capacity=1000 \
@@ -28,8 +20,7 @@ done
     ! quillanetcstamp drift-check=true frames-before-first-check=30 trace-file="$work/trace.log" \
     ! fakesink >"$work/launch.txt" 2>&1 || fail "the live pipeline failed" - "$work/launch.txt"
 ! grep -Eq 'WARNING|ERROR|CRITICAL' "$work/launch.txt" || fail "the live pipeline reported problems" - "$work/launch.txt"
-# The stream was synchronised with the clock once, at its first key frame,
-# and counted from there.
+# Synchronised with the clock once, at the first key frame, and counted from there.
 [ "$(grep -c 'no add one frame' "$work/trace.log" 2>/dev/null)" = 1 ] ||
     fail "the library did not start counting exactly once" - "$work/trace.log"
 exit $status
