@@ -58,7 +58,8 @@ TEST(AnnexB, CutsUnitsAndEscapesZeros) {
     const Bytes slices = {0, 0, 0, 1, 0x65, 0x88, 0x84, 0, 0, 1, 0x65, 0x40, 0x11, 0, 0, 1, 0x41, 0x9A};
     EXPECT_EQ(cut(slices, Codec::h264, 1).size(), 2u);
     // A 03 goes in front of 00 to 03 after two zeros, and the count of zeros starts again.
-    const Bytes rbsp = {0, 0, 0, 0, 0, 0, 3, 0, 0, 4}, escaped = {0, 0, 3, 0, 0, 3, 0, 0, 3, 3, 0, 0, 4};
+    const Bytes rbsp = {0, 0, 0, 0, 0, 0, 3, 0, 0, 4, 0, 0, 0, 3};
+    const Bytes escaped = {0, 0, 3, 0, 0, 3, 0, 0, 3, 3, 0, 0, 4, 0, 0, 3, 0, 3};
     Bytes out;
     escape_into(rbsp, out);
     EXPECT_EQ(out, escaped);

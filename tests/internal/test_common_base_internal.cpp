@@ -30,6 +30,9 @@ TEST(StringList, ShapesFailuresAndRelease) {
         EXPECT_EQ(build(&list, count, size), std::make_pair(-1, "error: " + want + " must be positive!!!\n"));
         EXPECT_TRUE(list.strList == nullptr && list.size == 0 && Func_strList_free(list) == -1) << count;
     }
+    util_string_list_t one{};  // the smallest list: one text of one byte
+    EXPECT_EQ(build(&one, 1, 1), std::make_pair(0, std::string()));
+    EXPECT_TRUE(one.size == 1 && one.strList[0].length == 1 && Func_strList_free(one) == 0);
     // Four texts of 24 bytes take five allocations; entries made before a failure are whole.
     const std::string failed = "error: malloc faild!!! buffer:pbuf->strList";
     const std::string messages[] = {failed + ", type:util_string_t, count:4\n",
