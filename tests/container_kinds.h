@@ -102,13 +102,7 @@ protected:
     std::string log_;
 };
 
-// What `call` printed on the standard error stream.
-template <class F>
-std::string console(F call) {
-    ::testing::internal::CaptureStderr();
-    call();
-    return ::testing::internal::GetCapturedStderr();
-}
+using qtest::console;
 
 // A whole console message, or trace line, of the module's operation `op`, as a regex.
 template <class K>

@@ -68,6 +68,14 @@ inline std::string net_error(const std::string& func, const std::string& text) {
     return "DBG_ERR:util_net_function\\.cpp " + func + "\\[\\d{4}\\] " + regex_escape(text);
 }
 
+// What `call` printed on the standard error stream.
+template <class F>
+std::string console(F call) {
+    ::testing::internal::CaptureStderr();
+    call();
+    return ::testing::internal::GetCapturedStderr();
+}
+
 inline bool exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 
 // A machine-wide path a test may create: removed before the test (a stale one
