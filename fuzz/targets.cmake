@@ -1,6 +1,5 @@
-# The fuzz targets, one fuzz_<name>.cpp each with its corpus in corpus/<name>/.
-# Read by the clang fuzzing build and by the regular test suite, which
-# replays every corpus (seeds and kept crash inputs) through the same entry.
+# The fuzz targets (fuzz_<name>.cpp, corpus in corpus/<name>/), for the clang
+# fuzzing build and for the suite, which replays every corpus.
 set(QUILLANE_FUZZ_TARGETS fuzz_h26x_base fuzz_htoi fuzz_utf8 fuzz_range_check fuzz_au_stamper fuzz_net_files
     fuzz_config_files)
 # Targets that reach the access-unit stamping shared by the tool and the element.

@@ -1,11 +1,8 @@
 #!/bin/sh
-# Installs the build tree into a scratch prefix, runs the installed tools
-# from there with no library path (they find the library through their
-# relative run path), and builds the C client against the prefix twice: with
-# find_package and with pkg-config.
-#   run.sh BUILD_DIR [TOOLCHAIN_FILE C_COMPILER RUNNER...]
-# A cross build passes its toolchain file, its C compiler and the emulator
-# (with its options) that runs the target's programs.
+# run.sh BUILD_DIR [TOOLCHAIN_FILE C_COMPILER RUNNER...] (a cross build adds the emulator as RUNNER)
+# Installs into a scratch prefix, starts the installed tools with no library
+# path (their run path finds the library), and builds the C client against the
+# prefix with find_package and with pkg-config.
 set -eu
 build_dir=$1
 shift
@@ -22,11 +19,7 @@ trap 'rm -rf "$work"' EXIT
 cmake --install "$build_dir" --prefix "$work/prefix" >/dev/null
 for tool in "$work"/prefix/bin/quillane-*; do
     [ -e "$tool" ] || continue
-    if ! env -u LD_LIBRARY_PATH "$@" "$tool" --help >/dev/null 2>"$work/tool.txt"; then
-        echo "installed $(basename "$tool") does not start:" >&2
-        cat "$work/tool.txt" >&2
-        exit 1
-    fi
+    env -u LD_LIBRARY_PATH "$@" "$tool" --help >/dev/null || { echo "installed $tool does not start" >&2; exit 1; }
 done
 if [ -n "$toolchain" ]; then
     # The scratch prefix is one more root the cross build may search.
