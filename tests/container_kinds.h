@@ -1,13 +1,9 @@
-// The four containers behind one face, so that each test runs on every kind,
-// and callbacks that own heap copies of int elements and log every call.
+// The four containers behind one face, and callbacks that own int elements and log every call.
 #pragma once
 
 #include <functional>
 #include <set>
-#include <string>
 #include <type_traits>
-#include <utility>
-#include <vector>
 
 #include "test_support.h"
 
@@ -34,7 +30,6 @@ struct Kind {
     using Fun = decltype(C::fun);
     static constexpr bool linked = linked_, fifo = fifo_;
     static constexpr const char* word = fifo_ ? "queue" : "stack";
-    // The module's name, and init_list's element parameter (pqa, psl, ...).
     static inline const std::string name = std::string(word) + (linked ? "_high_linked" : "_high_array") + "List";
     static inline const std::string elems = std::string("p") + word[0] + (linked ? 'l' : 'a');
     static C make(Fun f, UTIL_U32 slots) {
@@ -46,7 +41,6 @@ struct Kind {
 };
 using Kinds = ::testing::Types<Kind<true, true>, Kind<true, false>, Kind<false, true>, Kind<false, false>>;
 
-// Every callback call, for the tests to compare with what should have happened.
 struct Ledger {
     std::set<void*> live;  // element copies made by Owning::insert and not yet freed
     std::vector<int> removed, shown;
@@ -55,9 +49,7 @@ struct Ledger {
 };
 inline Ledger g;
 inline int value(void* data) { return data == nullptr ? -1 : *static_cast<int*>(data); }
-inline void meddle() {
-    if (g.meddle) std::exchange(g.meddle, nullptr)();
-}
+inline void meddle() { if (g.meddle) std::exchange(g.meddle, nullptr)(); }
 
 // Callbacks that own a heap copy of each element.
 template <class K>
@@ -102,8 +94,6 @@ protected:
     std::string log_;
 };
 
-using qtest::console;
-
 // A whole console message, or trace line, of the module's operation `op`, as a regex.
 template <class K>
 std::string err(const std::string& op, const std::string& text, bool traced = false) {
@@ -111,7 +101,5 @@ std::string err(const std::string& op, const std::string& text, bool traced = fa
     return (traced ? "\\[" + file + " \\+\\d+ +" + fn + "\\] " : "DBG_ERR:" + file + " " + fn + "\\[\\d{4}\\] ") +
            qtest::regex_escape(text);
 }
-template <class K>
-std::string trace(const std::string& op, const std::string& text) { return err<K>(op, text, true); }
 
 }  // namespace ctest
