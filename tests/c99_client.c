@@ -34,6 +34,7 @@ int main(void)
     dbg->enType = UTIL_DBGOUT_ENUM_TYPE_NOLOG;
     if (util_ops_pfun->util_init() != 0 || util_ops_pfun->util_exit() != 0) return 1;
     if (util_ops_pfun->dbgout->cmdToStr(cmd, 3, text) != 0 || strcmp(text, "{0x81, 0x01, 0x04}") != 0) return 2;
+    if (util_ops_pfun != &util_ops_quillane_fun) return 3;
     if (util_ops_pfun->common_high->pox_system != Func_pox_system) return 3;
     if (sizeof(UTIL_U64) != 8 || sizeof(UTIL_S16) != 2 || !yes) return 4;
     {

@@ -20,10 +20,8 @@ TEST_F(ParameterOutOfMemory, EveryFailedAllocationLeavesAnEmptyListAndNoLeak) {
     for (long allowed = 0; allowed < 6; ++allowed) {
         ASSERT_EQ(reg->init_list(&list, app, 1), 0);
         qtest::write_file(log, "");
-        testing::internal::CaptureStderr();
         FailAllocationsAfter guard(allowed);
-        EXPECT_EQ(reg->init_list(&list, app, 3), -1) << allowed;
-        EXPECT_THAT(testing::internal::GetCapturedStderr(),
+        EXPECT_THAT(qtest::console([&] { EXPECT_EQ(reg->init_list(&list, app, 3), -1) << allowed; }),
                     qtest::FullyMatches(R"(DBG_ERR:util_parameter_base_function\.cpp Func_parameter_base_init_list_)"
                                         R"(function\[\d{4}\] error: malloc failed!!!!!)"));
         EXPECT_EQ(std::make_tuple(list.pclass, list.classMax), std::make_tuple(nullptr, 0));
