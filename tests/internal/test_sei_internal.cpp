@@ -1,12 +1,12 @@
 // The context list's lifecycle and memory failure; the SEI message against a plain bit-by-bit builder.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstdarg>
 #include <cstring>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "alloc_failure.h"
@@ -20,7 +20,7 @@ namespace {
 struct KeepTraces {
     static inline std::vector<std::string>* into = nullptr;
     std::vector<std::string> traces;
-    util_ops_dbgout_fun_t saved = util_ops_dbgout_fun;
+    decltype(util_ops_dbgout_fun.traceout) saved = std::exchange(util_ops_dbgout_fun.traceout, keep);
     static UTIL_S32 keep(util_dbgout_t*, const UTIL_CHAR* fmt, ...) {
         char buf[512];
         va_list ap;
@@ -30,22 +30,18 @@ struct KeepTraces {
         into->push_back(std::strstr(buf, "] ") + 2);
         return 0;
     }
-    KeepTraces() {
-        into = &traces;
-        util_ops_dbgout_fun.traceout = keep;
-    }
-    ~KeepTraces() { util_ops_dbgout_fun = saved; }
+    KeepTraces() { into = &traces; }
+    ~KeepTraces() { util_ops_dbgout_fun.traceout = saved; }
 };
 
 auto& ops = util_ops_h26x_high_seiTimeCode_fun;
 util_list_h26x_sei_tim_t g_list{};
-int g_reentry[3];  // callbacks made, then what exit_list and init_list answered inside one
+int g_reentry[2];  // what exit_list and init_list answered inside the callback
 
 // A callback may adjust its fresh context, but not release or rebuild the list being filled.
 UTIL_S32 on_create(util_h26x_sei_tim_t* ctx) {
-    ++g_reentry[0];
-    g_reentry[1] = ops.exit_list(&g_list);
-    g_reentry[2] = ops.init_list(&g_list, &ctx->config_param, 1);
+    g_reentry[0] = ops.exit_list(&g_list);
+    g_reentry[1] = ops.init_list(&g_list, &ctx->config_param, 1);
     ctx->h265_sei.hours_value = 9;
     return 123;
 }
@@ -55,7 +51,7 @@ TEST(SeiContextList, LifecycleRefusalsAndOutOfMemory) {
     util_h26x_sei_tim_config_param_t cs[3] = {};
     cs[0].setTimeCode_callback = on_create;
     ASSERT_EQ(ops.init_list(&g_list, cs, 2), 0);
-    EXPECT_THAT(g_reentry, ::testing::ElementsAre(1, -1, -1));
+    EXPECT_THAT(g_reentry, ::testing::ElementsAre(-1, -1));
     EXPECT_EQ(g_list.ph26xSeiTim[0].h265_sei.hours_value, 9u);
     ASSERT_EQ(ops.init_list(&g_list, cs + 1, 1), 0);  // releases the first array
     EXPECT_EQ(ops.init_list(&g_list, cs, 0), -1);
@@ -113,9 +109,8 @@ int plain_build(util_h26x_sei_tim_t& x, std::vector<std::string>& out) {
             const int offset_bits = static_cast<int>(b.time_offset_length) * on;
             rows.insert(rows.end(), {{b.time_offset_length, 5 * on}, {b.time_offset_value, offset_bits}});
         }
-        int sum = 0;
-        for (const Row& row : rows) sum += row.width;
-        sum &= 0xFF;
+        int sum = 0;  // the payloadSize cell is one byte
+        for (const auto& row : rows) sum = (sum + row.width) & 0xFF;
         if (on && sum % 8 != 0) out.push_back(text("warning, not alin of 8, pstSei->data[%d]=%d\n", cell, sum));
         const int payload = (sum + 7) / 8;
         d[cell] = static_cast<UTIL_UCHAR>(payload);
@@ -135,19 +130,16 @@ int plain_build(util_h26x_sei_tim_t& x, std::vector<std::string>& out) {
         if (on && (bits % 8 != 0 || bits != payload * 8)) out.push_back(text("error, bits=%d\n", bits));
         d[x.data_len - 1] = 0x80;
     }
-    // A message that would not fit leaves everything as it was built.
-    UTIL_UCHAR esc[64];
-    std::memcpy(esc, d, 4);
-    int n = 4, zeros = 0;
-    for (int k = 4; k < std::min(x.data_len, 64); ++k) {
+    std::vector<UTIL_UCHAR> esc(d, d + 4);
+    for (int k = 4, zeros = 0; k < std::min(x.data_len, 64); ++k) {
         const bool escape = zeros >= 2 && d[k] <= 3;
-        if (n + escape >= 64) return -1;
-        if (escape) esc[n++] = 0x03;
+        if (escape) esc.push_back(0x03);
         zeros = d[k] == 0 ? (escape ? 1 : zeros + 1) : 0;
-        esc[n++] = d[k];
+        esc.push_back(d[k]);
     }
-    std::memcpy(d, esc, static_cast<std::size_t>(n));
-    return x.data_len = n;
+    if (esc.size() > 64) return -1;  // too long: the message stays as it was built
+    std::memcpy(d, esc.data(), esc.size());
+    return x.data_len = static_cast<int>(esc.size());
 }
 
 TEST(SeiMessage, SameBytesAndTracesAsThePlainSteps) {
@@ -182,9 +174,8 @@ TEST(SeiMessage, SameBytesAndTracesAsThePlainSteps) {
     std::vector<UTIL_UCHAR> zeros(quillane::kSeiDataSize, 0);
     int points[quillane::kSeiDataSize / 2];
     for (int len = 0; len <= quillane::kSeiDataSize; ++len) {
-        const int n = quillane::sei_emulation_points(zeros.data(), len, points);
-        ASSERT_EQ(n, len > 6 ? (len - 5) / 2 : 0) << len;  // a 03 before every second byte from byte 6 on
-        for (int i = 0; i < n; ++i) ASSERT_EQ(points[i], 6 + 2 * i) << len;
+        const int n = len > 6 ? (len - 5) / 2 : 0;  // a 03 before every second byte from byte 6 on
+        ASSERT_EQ(quillane::sei_emulation_points(zeros.data(), len, points), n) << len;
     }
 }
 
