@@ -1,6 +1,5 @@
-// Arbitrary bytes cut into access units piece by piece and stamped on one stream.
-// Control byte: bit 0 H.265, bit 1 a fixed start label, bit 2 drift check, bits 3-7 the
-// piece size. Each unit is pushed from a heap block of exactly its size, for AddressSanitizer.
+// Bytes split piece by piece and stamped, each access unit pushed from a heap block of exactly its size.
+// Control byte: bit 0 H.265, bit 1 a fixed start label, bit 2 drift check, bits 3-7 the piece size.
 #include <vector>
 
 #include "annexb.h"
@@ -20,11 +19,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::span<const std::uint8_t> stream(data + 1, size - 1);
     const tcstamp::Codec codec = (control & 1) != 0 ? tcstamp::Codec::h265 : tcstamp::Codec::h264;
 
-    tcstamp::StreamOptions options{.codec = codec, .fps_x100 = 2997, .start = std::nullopt,
-                                   .start_drop_frame = false, .drift_check = (control & 4) != 0,
-                                   .frames_before_first_check = 3};
-    if ((control & 2) != 0) options.start = tcstamp::TimeCode{23, 59, 59, 28};
-    tcstamp::StreamStamper stamper(options);
+    std::optional<tcstamp::TimeCode> start;
+    if ((control & 2) != 0) start = tcstamp::TimeCode{23, 59, 59, 28};
+    tcstamp::StreamStamper stamper({.codec = codec, .fps_x100 = 2997, .start = start, .start_drop_frame = false,
+                                    .drift_check = (control & 4) != 0, .frames_before_first_check = 3});
 
     const std::size_t piece = (control >> 3) + 1u;
     tcstamp::AccessUnitSplitter splitter(codec);
@@ -35,8 +33,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             const auto au = splitter.next();
             if (!au) break;
             pushed.emplace_back(au->begin(), au->end());
-            const std::vector<std::uint8_t> exact(au->begin(), au->end());
-            ok = stamper.push(exact, pushed.size() - 1);
+            ok = stamper.push(pushed.back(), pushed.size() - 1);
         }
     };
     for (std::size_t at = 0; at < stream.size(); at += piece) {

@@ -1,6 +1,5 @@
 #!/bin/sh
 # The installed plugin loads from the install tree alone: it finds libquillaneutil by its run path.
-#
 #   installed_plugin.sh BUILD_DIR GST_INSPECT
 set -u
 work=$(mktemp -d "${TMPDIR:-/tmp}/quillane-gst-install.XXXXXX") || exit 1

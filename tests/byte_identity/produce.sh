@@ -1,10 +1,7 @@
 #!/bin/sh
-# Produces the files that must be byte-identical across architectures for one
-# build: the stamping tool's streams, listings and verifier reports on
-# the samples (SEI bits, drop-frame counting, the drift and label arithmetic).
-# The whole suite's fixed expectations run on every architecture as well.
-#   produce.sh BUILD_DIR OUT_DIR [RUNNER...]
-# RUNNER (an emulator and its options) starts the build's programs.
+# The stamping tool's streams, listings and verifier reports on the samples, which must be
+# byte-identical across architectures (SEI bits, drop-frame counting, drift and label arithmetic).
+#   produce.sh BUILD_DIR OUT_DIR [RUNNER...]   (RUNNER: an emulator and its options)
 set -eu
 build=$(cd "$1" && pwd)
 out=$2
@@ -27,7 +24,5 @@ h264_25 sample_25.264 --start 23:59:59:20
 h264_30 sample_30.264 --start 09:59:59:29
 h265_2997 sample_2997.265 --codec h265 --start 23:59:59;10
 ROWS
-if [ $status -ne 0 ]; then
-    echo "produce.sh: a program failed in $build; see $out/*.stderr" >&2
-fi
+[ $status -eq 0 ] || echo "produce.sh: a program failed in $build; see $out/*.stderr" >&2
 exit $status

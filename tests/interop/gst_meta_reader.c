@@ -14,23 +14,19 @@ int main(int argc, char** argv) {
     if (p == NULL) return 2;
     GstElement* sink = gst_bin_get_by_name(GST_BIN(p), "sink");
     gst_element_set_state(p, GST_STATE_PLAYING);
-    for (;;) {
-        GstSample* s = gst_app_sink_pull_sample(GST_APP_SINK(sink));
-        if (s == NULL) break;
-        GstBuffer* b = gst_sample_get_buffer(s);
-        GstVideoTimeCodeMeta* m = gst_buffer_get_video_time_code_meta(b);
+    GstSample* s;
+    while ((s = gst_app_sink_pull_sample(GST_APP_SINK(sink))) != NULL) {
+        GstVideoTimeCodeMeta* m = gst_buffer_get_video_time_code_meta(gst_sample_get_buffer(s));
         gchar* t = m != NULL ? gst_video_time_code_to_string(&m->tc) : g_strdup("none");
         printf("%s\n", t);
         g_free(t);
         gst_sample_unref(s);
     }
     GstMessage* msg = gst_bus_pop_filtered(gst_element_get_bus(p), GST_MESSAGE_ERROR);
-    int rc = 0;
     if (msg != NULL) {
         gst_message_parse_error(msg, &err, NULL);
         fprintf(stderr, "gst_meta_reader: %s\n", err->message);
-        rc = 1;
     }
     gst_element_set_state(p, GST_STATE_NULL);
-    return rc;
+    return msg != NULL;
 }
