@@ -1,5 +1,4 @@
-// The resolver file rewrite on stand-in files: the module's path buffer points into a temporary
-// directory (or at a file that cannot be written), so no root is needed.
+// The resolver file rewrite on stand-in files, through the module's path buffer: no root needed.
 #include "../test_support.h"
 #include "net/util_net_internal.h"
 
@@ -7,9 +6,8 @@ namespace {
 
 char* text(const std::string& s) { return const_cast<char*>(s.c_str()); }
 
-// Both lines must fit 128 bytes, terminator included: 103 characters for the two addresses. A control
-// character would add lines of its own to a file every resolver reads: refused as a write that wrote
-// nothing. Bytes above 0x7F are no control. A file that cannot be opened fails silently.
+// Both lines fit 128 bytes with 103 characters of addresses; a control character would add lines of its
+// own to a file every resolver reads. A file that cannot be opened fails silently.
 TEST(NetFiles, ResolverRewriteIsTwoLinesOrNothing) {
     char* const path = quillane::net::resolv_conf_path;
     qtest::TempDir dir;
