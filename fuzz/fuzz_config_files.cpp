@@ -9,22 +9,6 @@
 #include "fuzz_check.h"
 #include "util_function.h"
 
-namespace {
-
-// The pieces a 1024-byte fgets hands out, as C strings; the flag marks a last piece cut short by the end.
-std::vector<std::pair<std::string, bool>> pieces(const std::uint8_t* text, std::size_t n) {
-    std::vector<std::pair<std::string, bool>> out;
-    for (std::size_t pos = 0, end = 0; pos < n; pos = end) {
-        for (end = pos; end < n && end - pos < 1023 && text[end++] != '\n';) {
-        }
-        out.emplace_back(std::string(reinterpret_cast<const char*>(text + pos), end - pos).c_str(),
-                         end == n && text[end - 1] != '\n' && end - pos < 1023);
-    }
-    return out;
-}
-
-}  // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     if (size < 3) return 0;
     const int mblock = data[0] % 17, max_num = data[0] / 17 % 4 - 1;
@@ -35,8 +19,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     auto* high = util_ops_pfun->common_high;
     std::string path = fuzz::scratch_path();
 
+    // The pieces a 1024-byte fgets hands out, as C strings; the flag marks a last piece cut short by the end.
+    std::vector<std::pair<std::string, bool>> all;
+    for (std::size_t pos = 0, end = 0; pos < text_len; pos = end) {
+        for (end = pos; end < text_len && end - pos < 1023 && text[end++] != '\n';) {}
+        all.emplace_back(std::string(reinterpret_cast<const char*>(text + pos), end - pos).c_str(),
+                         end == text_len && text[end - 1] != '\n' && end - pos < 1023);
+    }
     // Commands: the first mblock pieces of two bytes or more, trimmed, neither empty nor comments.
-    const auto all = pieces(text, text_len);
     std::vector<std::string> commands;
     for (const auto& [piece, cut_short] : all) {
         const std::size_t from = piece.find_first_not_of(" \t\n\v\f\r"), to = piece.find_last_not_of(" \t\n\v\f\r");

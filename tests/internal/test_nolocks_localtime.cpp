@@ -15,8 +15,7 @@ auto fields(const struct tm& t) {
                            t.tm_isdst);
 }
 
-// Both sides of the midnights of 1-2 January and 28 February-2 March to 2500, random times to 9999, each in
-// a random zone with or without daylight saving; past either end it stops there, whatever the zone.
+// Either side of midnight on 1-2 January and 28 February-2 March to 2500; random times to 9999; random zones.
 TEST(NolocksLocaltime, AgreesWithGmtimeUpToTheRangeEnds) {
     std::vector<time_t> local;
     for (int y = 70; y <= 600; ++y) {
@@ -35,7 +34,7 @@ TEST(NolocksLocaltime, AgreesWithGmtimeUpToTheRangeEnds) {
         Func_nolocks_localtime(&mine, at + tz - dst * 3600, tz, static_cast<int>(dst));
         ASSERT_EQ(fields(mine), fields(gm)) << at << " " << tz << " " << dst;
     }
-    Func_nolocks_localtime(&mine, 100, 3600, 0);
+    Func_nolocks_localtime(&mine, 100, 3600, 0);  // before 1970 or past 9999 it stops at that end
     EXPECT_EQ(fields(mine), std::make_tuple(70, 0, 1, 0, 0, 0, 4, 0, 0));
     Func_nolocks_localtime(&mine, INT64_MAX, INT64_MIN, INT32_MAX);
     Func_nolocks_localtime(&mine, 300000000000, 0, 0);
