@@ -13,11 +13,9 @@ namespace {
 
 constexpr auto npos = std::string::npos;
 
+// The value is an item when it lies between two separators and holds none.
 int expected_enum(const std::string& value, const std::string& list) {
-    for (std::size_t at = 1, next; (next = list.find(list[1], at + 1)) != npos; at = next) {
-        if (list.compare(at + 1, next - at - 1, value) == 0) return 0;
-    }
-    return 1;
+    return value.find(list[1]) == npos && list.find(list[1] + value + list[1], 1) != npos ? 0 : 1;
 }
 
 // A "-" and decimal digits, growing no further past 32 bits; a bound may be "*", open (`star`).
@@ -44,17 +42,16 @@ int expected_min_max(const std::string& value, const std::string& list) {
 
 // Patterns in order: -1 for a malformed pair of separators, 2 at the first that does not match.
 int expected_patterns(const std::string& value, const std::string& list) {
-    for (std::size_t i = 1; i < list.size();) {
+    for (std::size_t i = 1, close; i < list.size(); i = close + 1) {
         if (list[i] != list[1]) return -1;
         if (i + 1 == list.size()) return 0;
-        const std::size_t close = list.find(list[1], i + 1);
+        close = list.find(list[1], i + 1);
         if (close == npos || close - i < 2 || close - i > 126) return -1;
         regex_t re;
         CHECK(regcomp(&re, list.substr(i + 1, close - i - 1).c_str(), REG_EXTENDED | REG_NOSUB) == 0);
         const int rc = regexec(&re, value.c_str(), 0, nullptr, 0);
         regfree(&re);
         if (rc != 0) return 2;
-        i = close + 1;
     }
     return 0;
 }
@@ -63,19 +60,16 @@ int expected_patterns(const std::string& value, const std::string& list) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const std::string input(reinterpret_cast<const char*>(data), size);
-    const std::size_t cut = input.find('\0');
-    const std::string value = input.c_str(), list = cut == npos ? "" : input.c_str() + cut + 1;
+    const std::string value = input.c_str(), list = value.size() == size ? "" : &input[value.size() + 1];
     const fuzz::Block v(value.data(), value.size(), true), l(list.data(), list.size(), true);
     const UTIL_S32 rc = util_ops_pfun->common_base->judgeSubStrWithinRange(v.get(), l.get());
     CHECK(value == v.get() && list == l.get());
 
     // A 2 may be the size screen's refusal; the plain search is slow; "^" after a line feed differs.
     const bool searched = rc != 2 && value.size() <= 32 && value.find('\n') == npos;
-    const int kind = list.empty() ? -1 : static_cast<unsigned char>(list[0]) - '0';
-    const int want = kind < 0 || kind > 3 || (kind != 2 && list.size() < 4) ? -1
-                     : kind == 2 ? 0
-                     : kind == 0 ? expected_enum(value, list)
-                     : kind == 1 ? expected_min_max(value, list)
+    const int kind = static_cast<unsigned char>(list[0]) - '0';  // an empty rule reads its terminator
+    const int want = kind < 0 || kind > 3 || (kind != 2 && list.size() < 4) ? -1 : kind == 2 ? 0
+                     : kind == 0 ? expected_enum(value, list) : kind == 1 ? expected_min_max(value, list)
                      : searched ? expected_patterns(value, list) : rc;
     CHECK(rc == want);
     return 0;

@@ -6,18 +6,13 @@
 #include "fuzz_check.h"
 #include "util_function.h"
 
-namespace {
-
-// Leading ones of the lead byte: none is ASCII, one a continuation byte, seven or eight nothing.
-int lead_length(std::uint8_t c) {
-    const int ones = std::countl_one(c);
-    return ones == 0 ? 1 : ones == 1 || ones > 6 ? 0 : ones;
-}
-
-}  // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const auto& ops = *util_ops_pfun->common_base;
+    // Leading ones of the lead byte: none is ASCII, one a continuation byte, seven or eight nothing.
+    const auto lead_length = [](std::uint8_t c) {
+        const int ones = std::countl_one(c);
+        return ones == 0 ? 1 : ones == 1 || ones > 6 ? 0 : ones;
+    };
     const std::size_t len = size == 0 ? 0 : strnlen(reinterpret_cast<const char*>(data), size);
     const fuzz::Block block(data, len, true);
     // The count skips what follows a lead; it stops at a bad lead or a cut sequence, counters kept.
