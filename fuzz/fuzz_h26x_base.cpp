@@ -1,9 +1,6 @@
-// The scanners and every start-code search this CPU runs against the tests' plain scan. Input: the flag,
-// where a search starts, five bytes kept for the seeds' layout, then the frame, as an exact heap block.
-#include <cstddef>
-#include <cstdint>
-#include <string>
-
+// The scanners and every start-code search this CPU runs against the tests' plain scan. Input: the flag
+// (any non-zero value, negative ones included, means the whole frame), where a search starts, five bytes
+// kept for the seeds' layout, then the frame, as an exact heap block.
 #include "fuzz_check.h"
 #include "h26x_reference.h"
 
@@ -12,10 +9,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const auto frame_size = static_cast<std::int32_t>(size - 8);
     const fuzz::Block copy(data + 8, size - 8, false);
     auto* frame = reinterpret_cast<UTIL_UCHAR*>(copy.get());
-    // Any non-zero value must mean "the whole frame", negative ones included.
     const UTIL_S32 flag_on = data[0] == 0 ? 1 : static_cast<UTIL_S32>(data[0] * 0x01010101u);
-    const std::string scan = qtest::check_scanners(frame, frame_size, flag_on);
-    if (!scan.empty()) fuzz::fail(__FILE__, __LINE__, scan.c_str());
+    CHECK(qtest::check_scanners(frame, frame_size, flag_on).empty());
     CHECK(qtest::check_searches(frame, frame_size, (data[1] | data[2] << 8) % (frame_size + 2) - 1).empty());
     return 0;
 }
