@@ -134,6 +134,17 @@ TEST(ConfigUpdate, ContractFailedWritesLinksModesAndReadOnlyDirectories) {
     EXPECT_TRUE(stat(conf.c_str(), &st) == 0 && (st.st_mode & 07777) == 0640);
     EXPECT_THAT(console([&] { EXPECT_EQ(update(c(dir.path()), c("b"), c("b=3")), -1); }),
                 FullyMatches(err("update_conf", "error: " + regex_escape(dir.path()) + " is not a regular file\n")));
+    // Four writers rewrite their own line 50 times each: every rewrite succeeds and none is lost.
+    const std::string shared = dir.file("w.conf");
+    write_file(shared, "w0=0\nw1=0\nw2=0\nw3=0\n");
+    for (const std::string key : {"w0=", "w1=", "w2=", "w3="}) {
+        if (fork() != 0) continue;
+        int failed = 0;
+        for (int v = 1; v <= 50; ++v) failed |= update(c(shared), c(key), c(key + std::to_string(v)));
+        _exit(failed != 0);
+    }
+    for (int i = 0; i < 4; ++i) EXPECT_TRUE(wait(&status) > 0 && status == 0);
+    EXPECT_EQ(read_file(shared), "w0=50\nw1=50\nw2=50\nw3=50\n");
     // The owner may write the file but not its directory: rewritten in place. Root's rewrite keeps the owner.
     if (geteuid() != 0) GTEST_SKIP() << "needs root to give up privileges";
     ASSERT_EQ(chmod(dir.path().c_str(), 0755) | chown(conf.c_str(), 65534, 65534), 0);
