@@ -1,5 +1,6 @@
 // File, setting-line, shell and process helpers on real files; the fuzz corpus checks what the readers return.
 #include <signal.h>
+#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -43,7 +44,11 @@ TEST(FileHelpers, ReadersPathsPipesDeletingAndFailures) {
     const std::string hostile = dir.file("h;touch injected;x");
     ASSERT_EQ(mkdir(hostile.c_str(), 0755), 0);
     std::remove("injected");
-    static char names[4][256];
+    // Behind an unreadable page: a loop running backwards faults instead of removing what lies before.
+    const long pg = sysconf(_SC_PAGESIZE);
+    auto* page = static_cast<char*>(mmap(nullptr, 2 * pg, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    ASSERT_EQ(mprotect(page, pg, PROT_NONE), 0);
+    auto* names = reinterpret_cast<char(*)[256]>(page + pg);
     const std::string given[] = {none, "/dev/null", hostile};
     for (int i = 0; i < 3; ++i) std::snprintf(names[i], 256, "%s", given[i].c_str());
     std::memset(names[3], 'z', 256);  // no terminator in the slot
