@@ -5,9 +5,5 @@ set -eu
 lib=$1
 actual=$(nm -D --defined-only "$lib" | awk '{print $3}' | sort | tr '\n' ' ')
 expected="Func_pox_system util_ops_pfun util_ops_quillane_fun "
-if [ "$actual" != "$expected" ]; then
-    echo "exported: $actual"
-    echo "expected: $expected"
-    exit 1
-fi
+[ "$actual" = "$expected" ] || { echo "exported: $actual, expected: $expected"; exit 1; }
 echo "exports ok: $actual"
