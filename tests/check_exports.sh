@@ -1,6 +1,5 @@
 #!/bin/sh
-# The shared object exports exactly the top table, its pointer and the shell
-# wrapper; everything else stays inside.
+# The shared object exports the top table, its pointer and the shell wrapper, and nothing else.
 set -eu
 lib=$1
 actual=$(nm -D --defined-only "$lib" | awk '{print $3}' | sort | tr '\n' ' ')

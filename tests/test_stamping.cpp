@@ -50,8 +50,9 @@ TEST(AnnexB, CutsUnitsAndEscapesZeros) {
         for (std::size_t piece : {std::size_t{1}, std::size_t{3}, std::size_t{4096}, s.size()})
             EXPECT_EQ(cut(s, codec, piece), whole) << s.size() << " bytes in pieces of " << piece;
     }
-    // A picture's second slice (first_mb_in_slice 1) stays in its access unit.
-    const Bytes slices = {0, 0, 0, 1, 0x65, 0x88, 0x84, 0, 0, 1, 0x65, 0x40, 0x11, 0, 0, 1, 0x41, 0x9A};
+    // A picture's filler data and second slice (first_mb_in_slice 1) stay in its access unit.
+    const Bytes slices = {0, 0, 0, 1, 0x65, 0x88, 0x84, 0, 0, 1, 0x0C, 0xFF, 0x80, 0, 0, 1, 0x65, 0x40, 0x11,
+                          0, 0, 1, 0x41, 0x9A};
     EXPECT_EQ(cut(slices, Codec::h264, 1).size(), 2u);
     // A 03 goes in front of 00 to 03 after two zeros, and the count of zeros starts again.
     const Bytes rbsp = {0, 0, 0, 0, 0, 0, 3, 0, 0, 4, 0, 0, 0, 3};
