@@ -97,9 +97,9 @@ protected:
 // A whole console message, or trace line, of the module's operation `op`, as a regex.
 template <class K>
 std::string err(const std::string& op, const std::string& text, bool traced = false) {
-    const std::string file = "util_" + K::name + "_function\\.cpp", fn = "Func_" + K::name + "_" + op;
-    return (traced ? "\\[" + file + " \\+\\d+ +" + fn + "\\] " : "DBG_ERR:" + file + " " + fn + "\\[\\d{4}\\] ") +
-           qtest::regex_escape(text);
+    const std::string source = "util_" + K::name + "_function", fn = "Func_" + K::name + "_" + op;
+    const std::string said = qtest::regex_escape(text);
+    return traced ? "\\[" + source + "\\.cpp \\+\\d+ +" + fn + "\\] " + said : qtest::console_error(source, fn, said);
 }
 
 }  // namespace ctest

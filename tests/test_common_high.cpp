@@ -16,7 +16,7 @@ namespace {
 util_ops_common_high_fun_t* high() { return util_ops_pfun->common_high; }
 char* c(const std::string& s) { return const_cast<char*>(s.c_str()); }
 std::string err(const std::string& fn, const std::string& text) {
-    return "DBG_ERR:util_common_high_function\\.cpp " + fn + "\\[[0-9]{4}\\] " + text;
+    return console_error("util_common_high_function", fn, text);
 }
 long entries(const std::string& dir) {
     return std::distance(std::filesystem::directory_iterator(dir), std::filesystem::directory_iterator());

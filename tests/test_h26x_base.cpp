@@ -6,7 +6,7 @@ using namespace qtest;
 namespace {
 
 std::string err_line(const std::string& function, const std::string& text) {
-    return "DBG_ERR:util_h26x_base_function\\.cpp Func_" + function + "\\[[0-9]{4}\\] " + regex_escape(text);
+    return console_error("util_h26x_base_function", "Func_" + function, regex_escape(text));
 }
 
 TEST(H26xBitReader, ReadsAcrossBytesAndRefusesOutOfRange) {

@@ -15,7 +15,6 @@
 #include <sstream>
 #include <string>
 #include <utility>
-#include <vector>
 
 #include "util_function.h"
 
@@ -62,10 +61,12 @@ inline std::string regex_escape(const std::string& text) {
     return std::regex_replace(text, special, R"(\$&)");
 }
 
-// The pattern of one console diagnostic of the network module, line number
-// left open.
-inline std::string net_error(const std::string& func, const std::string& text) {
-    return "DBG_ERR:util_net_function\\.cpp " + func + "\\[\\d{4}\\] " + regex_escape(text);
+// One console diagnostic of `source` (the file name without .cpp) from `fn`, line number left open.
+inline std::string console_error(const std::string& source, const std::string& fn, const std::string& pattern) {
+    return "DBG_ERR:" + source + "\\.cpp " + fn + "\\[\\d{4}\\] " + pattern;
+}
+inline std::string net_error(const std::string& fn, const std::string& text) {
+    return console_error("util_net_function", fn, regex_escape(text));
 }
 
 // What `call` printed on the standard error stream.

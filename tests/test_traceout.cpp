@@ -19,7 +19,7 @@ class TraceTest : public DebugRecordTest {};
 
 // One console report of the log-file writer, as a regular expression.
 std::string report(const std::string& text) {
-    return R"(DBG_ERR:util_dbgout_function\.cpp Func_dbgout_dbglog\[\d{4}\] )" + regex_escape(text) + "\n";
+    return console_error("util_dbgout_function", "Func_dbgout_dbglog", regex_escape(text) + "\n");
 }
 
 // The output bits choose the writers, and with both the result is syslog's; the message

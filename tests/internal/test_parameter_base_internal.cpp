@@ -22,8 +22,8 @@ TEST_F(ParameterOutOfMemory, EveryFailedAllocationLeavesAnEmptyListAndNoLeak) {
         qtest::write_file(log, "");
         FailAllocationsAfter guard(allowed);
         EXPECT_THAT(qtest::console([&] { EXPECT_EQ(reg->init_list(&list, app, 3), -1) << allowed; }),
-                    qtest::FullyMatches(R"(DBG_ERR:util_parameter_base_function\.cpp Func_parameter_base_init_list_)"
-                                        R"(function\[\d{4}\] error: malloc failed!!!!!)"));
+                    qtest::FullyMatches(qtest::console_error("util_parameter_base_function",
+                                        "Func_parameter_base_init_list_function", "error: malloc failed!!!!!")));
         EXPECT_EQ(std::make_tuple(list.pclass, list.classMax), std::make_tuple(nullptr, 0));
         EXPECT_THAT(qtest::read_file(log),
                     qtest::FullyMatches(R"([^\n]*free succeed, num;1\n[\s\S]*\] error, malloc failed!!!\n)"));
